@@ -1,0 +1,5 @@
+# Warnings are errors in our own code. Nothing here may change float results:
+# no -ffast-math, -Ofast or -funsafe-math-optimizations.
+add_library(qor_warnings INTERFACE)
+target_compile_options(qor_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Werror)

@@ -1,0 +1,7 @@
+// The effect library of the Calvera 2 capture voice chain: every exported
+// effect family. Each family is a set of free functions over caller-owned
+// memory: ask GetInstanceSize, provide zeroed 32-byte-aligned memory of that
+// size, Init, then Process/UpdateParameters/..., and Release.
+#pragma once
+
+#include "dsp/core/metering.h"
