@@ -30,4 +30,12 @@ run(${CXX} -std=c++20 ${extra} ${cflags} ${SOURCE} ${libs} -o ${exe})
 get_filename_component(libdir ${pcdir} DIRECTORY)
 set(ENV{LD_LIBRARY_PATH} ${libdir})
 run(${exe})
-message(STATUS "consumer: ${RUN_OUTPUT}")
+message(STATUS "pkg-config consumer: ${RUN_OUTPUT}")
+
+# The same program through the CMake package.
+set(cmake_build ${PREFIX}/cmake-consumer)
+run(${CMAKE_COMMAND} -S ${CONSUMER_PROJECT} -B ${cmake_build} -DCMAKE_PREFIX_PATH=${PREFIX}
+    -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_CXX_FLAGS=${FLAGS} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${cmake_build})
+run(${cmake_build}/consumer)
+message(STATUS "CMake package consumer: ${RUN_OUTPUT}")
