@@ -5,4 +5,5 @@
 #pragma once
 
 #include "dsp/core/metering.h"
+#include "dsp/dynamics/gating_compressor.h"
 #include "dsp/dynamics/high_pass_filter.h"
