@@ -163,7 +163,7 @@ INSTANTIATE_TEST_SUITE_P(
                       CompressorCase{-40, 20, 0, 0, -10, -28.5},
                       CompressorCase{-20, 1, 0, 0, -3, 0},      // ratio 1 never compresses
                       CompressorCase{-20, 4, 6, 3, -14, 0},     // (-20 - -8) * .75 + 9
-                      CompressorCase{-20, 4, -6, 12, -8, 6},    // below threshold after input gain
+                      CompressorCase{-20, 4, -6, 12, -8, 1.5},  // (-20 - -14) * .75 + 6
                       CompressorCase{0, 1, 0, 12, 18.0617997, 5.9382003}));  // ceiling
 
 // Gate model in double precision: the same level detector primitive, then
