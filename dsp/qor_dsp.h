@@ -6,4 +6,5 @@
 
 #include "dsp/core/metering.h"
 #include "dsp/dynamics/gating_compressor.h"
+#include "dsp/dynamics/hard_limiter.h"
 #include "dsp/dynamics/high_pass_filter.h"
