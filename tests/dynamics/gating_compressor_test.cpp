@@ -305,14 +305,10 @@ TEST(GatingCompressorCompressorTiming, AttackAndReleaseFollowTheTwoFollowersInSe
   }
 }
 
-TEST(GatingCompressorLatency, CrossCorrelationMatchesTheReportWhenBothSectionsRun) {
-  const std::vector<float> x = qor::test::whiteNoise(256 * 188, 21, 0.1);
-  Dynamics both;
-  EXPECT_EQ(both.latency(), 256);
-  EXPECT_EQ(qor::test::delayByCrossCorrelation(x, both.run(x), 1024), both.latency());
-
+TEST(GatingCompressorLatency, ReportIsFixedWhileTheRealDelayVaries) {
   // The report is a fixed figure: the real delay depends on the rate and on
   // which sections run.
+  const std::vector<float> x = qor::test::whiteNoise(256 * 188, 21, 0.1);
   Dynamics gate(gateOnly());
   EXPECT_EQ(qor::test::delayByCrossCorrelation(x, gate.run(x), 1024), 128);
   EXPECT_EQ(gate.latency(), 256);
@@ -479,126 +475,12 @@ TEST_F(GatingCompressorCalls, ConfigurationChecksInOrder) {
   EXPECT_EQ(sizeOf(c), R::Success) << "any matching channel count";
 }
 
-struct GcParameterCase {
-  int field;
-  float bad;
-  R expected;
-};
-class GatingCompressorParameterChecks : public ::testing::TestWithParam<GcParameterCase> {};
-
-float& floatField(QorGatingCompressorParameters& p, int i) {
-  float* fields[] = {&p.gateThreshold,         &p.gateFloor,         &p.gateAttack,
-                     &p.gateRelease,           &p.gateHold,          &p.compressorThreshold,
-                     &p.compressorRatio,       &p.compressorInputGain, &p.compressorMakeupGain,
-                     &p.compressorAttack,      &p.compressorRelease, &p.crossfadeTime};
-  return *fields[i];
-}
-
-TEST_P(GatingCompressorParameterChecks, EachFieldHasItsCodeAndARefusalChangesNothing) {
-  const GcParameterCase c = GetParam();
-  QorGatingCompressorParameters p = defaults();
-  p.compressorThreshold = -20;
-  Dynamics d(p, 48000, 256, 2), twin(p, 48000, 256, 2);
-  QorGatingCompressorParameters bad = p;
-  floatField(bad, c.field) = c.bad;
-  for (int later = c.field + 1; later < 12; ++later) floatField(bad, later) = 1e9f;  // reported after
-  EXPECT_EQ(qorGatingCompressorUpdateParameters(d.inst(), &bad), c.expected);
-  QorGatingCompressorParameters now{};
-  ASSERT_EQ(qorGatingCompressorGetParameters(d.inst(), &now), R::Success);
-  EXPECT_EQ(now.compressorThreshold, -20.0f);
-  EXPECT_EQ(floatField(now, c.field), floatField(p, c.field));
-  const Signal x = {qor::test::whiteNoise(2048, 5, 0.7), qor::test::whiteNoise(2048, 6, 0.01)};
-  EXPECT_EQ(d.run(x), twin.run(x));
-
-  QorGatingCompressorConfig config{48000, 256, 2, 48000, 256, 2, bad, 1};
-  size_t size = 0;
-  EXPECT_EQ(qorGatingCompressorGetInstanceSize(&config, &size), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EachCheck, GatingCompressorParameterChecks,
-    ::testing::Values(GcParameterCase{0, -80.1f, R::ErrorGateThreshold},
-                      GcParameterCase{0, -5.9f, R::ErrorGateThreshold},
-                      GcParameterCase{1, -60.1f, R::ErrorGateFloor},
-                      GcParameterCase{1, 0.1f, R::ErrorGateFloor},
-                      GcParameterCase{2, -0.1f, R::ErrorGateAttack},
-                      GcParameterCase{2, 200.1f, R::ErrorGateAttack},
-                      GcParameterCase{3, 49.9f, R::ErrorGateRelease},
-                      GcParameterCase{3, 1000.1f, R::ErrorGateRelease},
-                      GcParameterCase{4, 200.1f, R::ErrorGateHold},
-                      GcParameterCase{5, -40.1f, R::ErrorCompressorThreshold},
-                      GcParameterCase{5, 0.1f, R::ErrorCompressorThreshold},
-                      GcParameterCase{6, 0.99f, R::ErrorCompressorRatio},
-                      GcParameterCase{6, 20.1f, R::ErrorCompressorRatio},
-                      GcParameterCase{7, 12.1f, R::ErrorCompressorInputGain},
-                      GcParameterCase{8, -12.1f, R::ErrorCompressorMakeupGain},
-                      GcParameterCase{9, 200.1f, R::ErrorCompressorAttack},
-                      GcParameterCase{10, 49.0f, R::ErrorCompressorRelease},
-                      GcParameterCase{11, 250.1f, R::ErrorCrossfadeTime},
-                      GcParameterCase{11, -1.0f, R::ErrorCrossfadeTime}));
-
-TEST_F(GatingCompressorCalls, NanAndBoundsPass) {
-  Dynamics d;
-  for (int i = 0; i < 12; ++i) {
-    QorGatingCompressorParameters p = defaults();
-    floatField(p, i) = std::nanf("");
-    EXPECT_EQ(qorGatingCompressorUpdateParameters(d.inst(), &p), R::Success) << i;
-  }
-  QorGatingCompressorParameters low{-80, -60, 0, 50, 0, -40, 1, -12, -12, 0, 50, 0, 0, 0, 0};
-  QorGatingCompressorParameters high{-6, 0, 200, 1000, 200, 0, 20, 12, 12, 200, 1000, 1, 1, 1, 250};
-  EXPECT_EQ(qorGatingCompressorUpdateParameters(d.inst(), &low), R::Success);
-  EXPECT_EQ(qorGatingCompressorUpdateParameters(d.inst(), &high), R::Success);
-}
-
-TEST_F(GatingCompressorCalls, ArgumentChecksAndLifecycle) {
-  Dynamics d(defaults(), 48000, 256, 2);
-  QorGatingCompressorInst* inst = d.inst();
-  QorGatingCompressorParameters p = defaults();
+TEST_F(GatingCompressorCalls, MeteringPointsOnlyWhenConfigured) {
+  Dynamics unmetered(defaults(), 48000, 256, 2, 0);
   const QorGatingCompressorMeteringPoints* points = nullptr;
-  int latency = 0;
-  qor::test::ChannelBuffers audio(2, 256);
-  audio.fill(0.25f);
-  float* channels[2] = {audio[0], audio[1]};
-
-  EXPECT_EQ(qorGatingCompressorInit(nullptr, &good), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorInit(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorInit(inst, &good), R::ErrorAlreadyInitialised);
-  EXPECT_EQ(qorGatingCompressorGetDefaultParameters(nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorGetParameters(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorUpdateParameters(nullptr, &p), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorGetCurrentLatency(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorGatingCompressorProcess(inst, nullptr), R::ErrorNullPointer);
-  float* shifted[2] = {audio[0], audio[1] + 4};
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorGatingCompressorProcess(inst, shifted), R::ErrorMisaligned));
-  EXPECT_EQ(audio[0][0], 0.25f) << "a refused block is left alone";
-
-  qor::test::InstanceMemory odd(d.memory->size() + 64);
-  EXPECT_EQ(qorGatingCompressorInit(reinterpret_cast<QorGatingCompressorInst*>(odd.bytes() + 16), &good),
-            R::ErrorMisaligned);
-
-  ASSERT_EQ(qorGatingCompressorRelease(inst), R::Success);
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorGatingCompressorProcess(inst, channels), R::ErrorNotInitialised));
-  EXPECT_EQ(audio[1][255], 0.25f);
-  EXPECT_EQ(qorGatingCompressorGetParameters(inst, &p), R::ErrorNotInitialised);
-  EXPECT_EQ(qorGatingCompressorUpdateParameters(inst, &p), R::ErrorNotInitialised);
-  EXPECT_EQ(qorGatingCompressorFlush(inst), R::ErrorNotInitialised);
-  EXPECT_EQ(qorGatingCompressorRelease(inst), R::ErrorNotInitialised);
-  EXPECT_EQ(qorGatingCompressorGetCurrentLatency(inst, &latency), R::ErrorNotInitialised);
-  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(inst, &points), R::ErrorNotInitialised);
-  EXPECT_EQ(qorGatingCompressorInit(inst, &good), R::Success);
-
-  Dynamics quiet(defaults(), 48000, 256, 2, 0);
-  points = nullptr;
-  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(quiet.inst(), &points), R::ErrorMeteringDisabled);
+  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(unmetered.inst(), &points), R::ErrorMeteringDisabled);
   EXPECT_EQ(points, nullptr);
-
-  auto bad = good;
-  bad.parameters.gateRelease = 10;
-  qor::test::InstanceMemory fresh(d.memory->size());
-  auto* other = fresh.as<QorGatingCompressorInst>();
-  EXPECT_EQ(qorGatingCompressorInit(other, &bad), R::ErrorGateRelease);
-  EXPECT_EQ(qorGatingCompressorGetCurrentLatency(other, &latency), R::ErrorNotInitialised);
+  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(unmetered.inst(), nullptr), R::ErrorNullPointer);
 }
 
 }  // namespace

@@ -326,106 +326,11 @@ TEST_F(HardLimiterCalls, DefaultsAndConfigurationChecksInOrder) {
   EXPECT_EQ(sizeOf(c), R::ErrorAttack);
 }
 
-struct LimiterParameterCase {
-  int field;
-  float bad;
-  R expected;
-};
-class HardLimiterParameterChecks : public ::testing::TestWithParam<LimiterParameterCase> {};
-
-float& limiterField(QorHardLimiterParameters& p, int i) {
-  float* fields[] = {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime};
-  return *fields[i];
-}
-
-TEST_P(HardLimiterParameterChecks, EachFieldHasItsCodeAndARefusalChangesNothing) {
-  const LimiterParameterCase c = GetParam();
-  const QorHardLimiterParameters p = with(2, 100, 3);
-  Limiter limiter(p, 48000, 256, 2), twin(p, 48000, 256, 2);
-  QorHardLimiterParameters bad = p;
-  limiterField(bad, c.field) = c.bad;
-  for (int later = c.field + 1; later < 4; ++later) limiterField(bad, later) = -1e9f;
-  EXPECT_EQ(qorHardLimiterUpdateParameters(limiter.inst(), &bad), c.expected);
-  QorHardLimiterParameters now{};
-  ASSERT_EQ(qorHardLimiterGetParameters(limiter.inst(), &now), R::Success);
-  EXPECT_EQ(now.attack, 2.0f);
-  EXPECT_EQ(now.inputGain, 3.0f);
-  const Signal x = {qor::test::whiteNoise(2048, 5, 1.2), qor::test::whiteNoise(2048, 6, 0.3)};
-  EXPECT_EQ(limiter.run(x), twin.run(x));
-  QorHardLimiterConfig config{48000, 256, 2, 48000, 256, 2, bad, 1};
-  size_t size = 0;
-  EXPECT_EQ(qorHardLimiterGetInstanceSize(&config, &size), c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(EachCheck, HardLimiterParameterChecks,
-                         ::testing::Values(LimiterParameterCase{0, 10.5f, R::ErrorAttack},
-                                           LimiterParameterCase{0, -0.1f, R::ErrorAttack},
-                                           LimiterParameterCase{1, 9.9f, R::ErrorRelease},
-                                           LimiterParameterCase{1, 500.1f, R::ErrorRelease},
-                                           LimiterParameterCase{2, 20.1f, R::ErrorInputGain},
-                                           LimiterParameterCase{2, -20.1f, R::ErrorInputGain},
-                                           LimiterParameterCase{3, 250.1f, R::ErrorCrossfadeTime},
-                                           LimiterParameterCase{3, -0.1f, R::ErrorCrossfadeTime}));
-
-TEST_F(HardLimiterCalls, NanAndBoundsPass) {
-  Limiter limiter;
-  for (int i = 0; i < 4; ++i) {
-    QorHardLimiterParameters p = defaults();
-    limiterField(p, i) = std::nanf("");
-    EXPECT_EQ(qorHardLimiterUpdateParameters(limiter.inst(), &p), R::Success) << i;
-  }
-  QorHardLimiterParameters low{0, 10, -20, 0, 0}, high{10, 500, 20, 250, 1};
-  EXPECT_EQ(qorHardLimiterUpdateParameters(limiter.inst(), &low), R::Success);
-  EXPECT_EQ(qorHardLimiterUpdateParameters(limiter.inst(), &high), R::Success);
-}
-
-TEST_F(HardLimiterCalls, ArgumentChecksAndLifecycle) {
-  Limiter limiter(defaults(), 48000, 256, 2);
-  QorHardLimiterInst* inst = limiter.inst();
-  QorHardLimiterParameters p = defaults();
-  const QorHardLimiterMeteringPoints* points = nullptr;
-  int latency = 0;
-  qor::test::ChannelBuffers audio(2, 256);
-  audio.fill(1.5f);
-  float* channels[2] = {audio[0], audio[1]};
-
-  EXPECT_EQ(qorHardLimiterInit(nullptr, &good), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterInit(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterInit(inst, &good), R::ErrorAlreadyInitialised);
-  EXPECT_EQ(qorHardLimiterGetDefaultParameters(nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterGetParameters(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterUpdateParameters(nullptr, &p), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterGetCurrentLatency(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterGetMeteringPoints(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorHardLimiterProcess(nullptr, channels), R::ErrorNullPointer);
-  float* shifted[2] = {audio[0], audio[1] + 4};
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorHardLimiterProcess(inst, shifted), R::ErrorMisaligned));
-  EXPECT_EQ(audio[0][0], 1.5f) << "nothing clipped on a refused call";
-
-  qor::test::InstanceMemory odd(limiter.memory->size() + 64);
-  EXPECT_EQ(qorHardLimiterInit(reinterpret_cast<QorHardLimiterInst*>(odd.bytes() + 16), &good),
-            R::ErrorMisaligned);
-
-  ASSERT_EQ(qorHardLimiterRelease(inst), R::Success);
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorHardLimiterProcess(inst, channels), R::ErrorNotInitialised));
-  EXPECT_EQ(audio[1][100], 1.5f);
-  EXPECT_EQ(qorHardLimiterGetParameters(inst, &p), R::ErrorNotInitialised);
-  EXPECT_EQ(qorHardLimiterUpdateParameters(inst, &p), R::ErrorNotInitialised);
-  EXPECT_EQ(qorHardLimiterFlush(inst), R::ErrorNotInitialised);
-  EXPECT_EQ(qorHardLimiterRelease(inst), R::ErrorNotInitialised);
-  EXPECT_EQ(qorHardLimiterGetCurrentLatency(inst, &latency), R::ErrorNotInitialised);
-  EXPECT_EQ(qorHardLimiterGetMeteringPoints(inst, &points), R::ErrorNotInitialised);
-  EXPECT_EQ(qorHardLimiterInit(inst, &good), R::Success);
-
+TEST_F(HardLimiterCalls, MeteringPointsOnlyWhenConfigured) {
   Limiter unmetered(defaults(), 48000, 256, 2, 0);
+  const QorHardLimiterMeteringPoints* points = nullptr;
   EXPECT_EQ(qorHardLimiterGetMeteringPoints(unmetered.inst(), &points), R::ErrorMeteringDisabled);
-
-  auto bad = good;
-  bad.parameters.release = 5;
-  qor::test::InstanceMemory fresh(limiter.memory->size());
-  auto* other = fresh.as<QorHardLimiterInst>();
-  EXPECT_EQ(qorHardLimiterInit(other, &bad), R::ErrorRelease);
-  EXPECT_EQ(qorHardLimiterGetCurrentLatency(other, &latency), R::ErrorNotInitialised);
+  EXPECT_EQ(points, nullptr);
 }
 
 }  // namespace
