@@ -123,16 +123,11 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(GateCase{-48, -48, -60, -48},       // 12 dB under: 228 dB of expansion, floored
                       GateCase{-48, -48, -49, -19},       // 1 dB under: ratio 20
                       GateCase{-48, -48, -50.5, -47.5},   // just above the floor
-                      GateCase{-48, -48, -47.9, 0},       // at and above the threshold: open
+                      GateCase{-48, -48, -48, 0},         // at and above the threshold: open
                       GateCase{-48, -48, -20, 0},
                       GateCase{-30, -60, -32, -38},       // deeper floor
                       GateCase{-30, -60, -40, -60},
                       GateCase{-30, 0, -70, 0}));         // a floor of 0 dB never gates
-
-TEST(GatingCompressorGateEdge, ToneExactlyAtTheThresholdPasses) {
-  Dynamics d(gateOnly());
-  EXPECT_NEAR(settledGainDb(d, -48.0), 0.0, 0.01);
-}
 
 struct CompressorCase {
   double threshold, ratio, inputGain, makeup, level, expectedDb;
@@ -253,16 +248,6 @@ TEST(GatingCompressorHold, HoldDelaysTheClosingByAtMostItsLength) {
     EXPECT_GT(delay, 0.0) << hold;
     EXPECT_LE(delay, hold + 0.7) << hold;
   }
-}
-
-TEST(GatingCompressorAttack, LookAheadOpensTheGateBeforeTheSoundArrives) {
-  const std::vector<float> x = crestTone({{-62, 3000}, {-20, 200}});
-  Dynamics d(gateOnly());
-  const std::vector<double> g = appliedGains(x, d.run(x), 128);
-  // g[i] is the gain at the first output sample of input sub-block i.
-  EXPECT_LT(qor::test::toDb(g[2996]), -40.0) << "closed on the quiet part";
-  EXPECT_GT(qor::test::toDb(g[3000]), -12.0) << "already opening at the first loud sample";
-  EXPECT_GT(qor::test::toDb(g[3016]), -1.0) << "open within the 5 ms attack";
 }
 
 std::vector<double> modelCompressor(const std::vector<float>& x, const QorGatingCompressorParameters& p) {
