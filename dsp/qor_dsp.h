@@ -5,3 +5,6 @@
 #pragma once
 
 #include "dsp/core/metering.h"
+#include "dsp/dynamics/gating_compressor.h"
+#include "dsp/dynamics/hard_limiter.h"
+#include "dsp/dynamics/high_pass_filter.h"
