@@ -5,3 +5,4 @@
 #pragma once
 
 #include "dsp/core/metering.h"
+#include "dsp/dynamics/multi_band_equaliser.h"
