@@ -6,3 +6,4 @@
 
 #include "dsp/core/metering.h"
 #include "dsp/dynamics/multi_band_equaliser.h"
+#include "dsp/dynamics/multi_band_compressor.h"
