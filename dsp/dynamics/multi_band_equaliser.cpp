@@ -33,7 +33,6 @@ struct Peaking {
   // Coefficients divided by a0.
   float b0, b1, b2, a1, a2;
   float x1, x2, y1, y2;
-  uint8_t active;
 };
 
 // High-pass or low-pass section: one biquad plus cascade gain.
@@ -139,7 +138,6 @@ void designPeaking(Peaking& p, float rate, float frequency, float gainDb, float 
   p.a1 = -2.0f * c / a0;
   p.a2 = (1.0f - alpha / a) / a0;
   if (clearHistory) p.x1 = p.x2 = p.y1 = p.y2 = 0.0f;
-  p.active = 1;
 }
 
 // Moves the section's cutoff one glide step towards the field and redesigns
