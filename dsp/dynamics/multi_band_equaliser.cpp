@@ -208,60 +208,82 @@ void flushState(State& s) {
 
 inline float flushTiny(float v) { return std::fabs(v) < 1e-15f ? 0.0f : v; }
 
-// Band 3, band 2, band 1, high-pass, low-pass over one channel. The sections
-// are run sample by sample rather than block by block: the result is the
-// same, and the five recursions overlap in the pipeline.
-void filterChannel(State& s, uint32_t ch, float* x, uint32_t n) {
-  Peaking* bands = s.bands + kBands * ch;
-  struct Df1 {
-    float b0, b1, b2, a1, a2, x1, x2, y1, y2;
-  };
-  Df1 d[kBands];
-  for (int k = 0; k < kBands; ++k) {
-    const Peaking& p = bands[kBands - 1 - k];  // band 3 runs first
-    d[k] = {p.b0, p.b1, p.b2, p.a1, p.a2, p.x1, p.x2, p.y1, p.y2};
+// One peaking section over a block of N channels side by side. Every
+// channel's section has the same design, so the first one's coefficients
+// serve all.
+template <uint32_t N>
+void runPeaking(Peaking* const* p, float* const* x, uint32_t n) {
+  const float b0 = p[0]->b0, b1 = p[0]->b1, b2 = p[0]->b2, a1 = p[0]->a1, a2 = p[0]->a2;
+  float x1[N], x2[N], y1[N], y2[N];
+  for (uint32_t c = 0; c < N; ++c) {
+    x1[c] = p[c]->x1;
+    x2[c] = p[c]->x2;
+    y1[c] = p[c]->y1;
+    y2[c] = p[c]->y2;
   }
-  const float* hc = s.highPass.coefficients;
-  const float* lc = s.lowPass.coefficients;
-  float* hs = s.highPassState + 2 * ch;
-  float* ls = s.lowPassState + 2 * ch;
-  const float hb0 = hc[0], hb1 = hc[1], hb2 = hc[2], hf1 = hc[3], hf2 = hc[4], hg = hc[5];
-  const float lb0 = lc[0], lb1 = lc[1], lb2 = lc[2], lf1 = lc[3], lf2 = lc[4], lg = lc[5];
-  float hs1 = hs[0], hs2 = hs[1], ls1 = ls[0], ls2 = ls[1];
-
   for (uint32_t i = 0; i < n; ++i) {
-    float v = x[i];
-    for (int k = 0; k < kBands; ++k) {
-      Df1& f = d[k];
-      float y = f.b0 * v + f.b1 * f.x1 + f.b2 * f.x2 - f.a1 * f.y1 - f.a2 * f.y2;
+    for (uint32_t c = 0; c < N; ++c) {
+      const float v = x[c][i];
+      float y = b0 * v + b1 * x1[c] + b2 * x2[c] - a1 * y1[c] - a2 * y2[c];
       y = (y + kDenormalGuard) - kDenormalGuard;
-      f.x2 = f.x1;
-      f.x1 = v;
-      f.y2 = f.y1;
-      f.y1 = y;
-      v = y;
+      x2[c] = x1[c];
+      x1[c] = v;
+      y2[c] = y1[c];
+      y1[c] = y;
+      x[c][i] = y;
     }
-    float y = hb0 * v + hs1;
-    hs1 = hb1 * v + hs2 + hf1 * y;
-    hs2 = hb2 * v + hf2 * y;
-    v = y * hg;
-    y = lb0 * v + ls1;
-    ls1 = lb1 * v + ls2 + lf1 * y;
-    ls2 = lb2 * v + lf2 * y;
-    x[i] = y * lg;
   }
+  for (uint32_t c = 0; c < N; ++c) {
+    p[c]->x1 = x1[c];
+    p[c]->x2 = x2[c];
+    p[c]->y1 = y1[c];
+    p[c]->y2 = y2[c];
+  }
+}
 
-  for (int k = 0; k < kBands; ++k) {
-    Peaking& p = bands[kBands - 1 - k];
-    p.x1 = d[k].x1;
-    p.x2 = d[k].x2;
-    p.y1 = d[k].y1;
-    p.y2 = d[k].y2;
+// One high- or low-pass section (transposed direct form II) over N channels.
+template <uint32_t N>
+void runPass(const float* k, float* const* state, float* const* x, uint32_t n) {
+  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4], g = k[5];
+  float s1[N], s2[N];
+  for (uint32_t c = 0; c < N; ++c) {
+    s1[c] = state[c][0];
+    s2[c] = state[c][1];
   }
-  hs[0] = flushTiny(hs1);
-  hs[1] = flushTiny(hs2);
-  ls[0] = flushTiny(ls1);
-  ls[1] = flushTiny(ls2);
+  for (uint32_t i = 0; i < n; ++i) {
+    for (uint32_t c = 0; c < N; ++c) {
+      const float v = x[c][i];
+      const float y = b0 * v + s1[c];
+      s1[c] = b1 * v + s2[c] + f1 * y;
+      s2[c] = b2 * v + f2 * y;
+      x[c][i] = y * g;
+    }
+  }
+  for (uint32_t c = 0; c < N; ++c) {
+    state[c][0] = flushTiny(s1[c]);
+    state[c][1] = flushTiny(s2[c]);
+  }
+}
+
+// Band 3, band 2, band 1, high-pass, low-pass over N channels starting at
+// `first`, each section over the whole block. Channels run side by side:
+// the result is the same as one by one, and the independent recursions
+// overlap in the pipeline.
+template <uint32_t N>
+void filterChannels(State& s, uint32_t first, float* const* x, uint32_t n) {
+  for (int k = kBands - 1; k >= 0; --k) {
+    Peaking* p[N];
+    for (uint32_t c = 0; c < N; ++c) p[c] = s.bands + kBands * (first + c) + k;
+    runPeaking<N>(p, x, n);
+  }
+  float* hs[N];
+  float* ls[N];
+  for (uint32_t c = 0; c < N; ++c) {
+    hs[c] = s.highPassState + 2 * (first + c);
+    ls[c] = s.lowPassState + 2 * (first + c);
+  }
+  runPass<N>(s.highPass.coefficients, hs, x, n);
+  runPass<N>(s.lowPass.coefficients, ls, x, n);
 }
 
 }  // namespace
@@ -359,20 +381,25 @@ Result qorMultiBandEqualiserProcess(QorMultiBandEqualiserInst* inst, float** cha
   }
 
   const uint32_t n = s->header.inputBlockSize;
+  if (!transition) {
+    // Steady state: channel pairs side by side, same result as one by one.
+    uint32_t ch = 0;
+    for (; ch + 1 < channelCount; ch += 2) filterChannels<2>(*s, ch, channels + ch, n);
+    if (ch < channelCount) filterChannels<1>(*s, ch, channels + ch, n);
+    return Result::Success;
+  }
   const float target = enabled ? 1.0f : 0.0f;
   for (uint32_t ch = 0; ch < channelCount; ++ch) {
     float* x = channels[ch];
-    if (transition) qor::copyBlock(x, s->dry, n);
-    filterChannel(*s, ch, x, n);
-    if (transition) {
-      float reached = m;
-      qor::crossfade(x, s->dry, x, reached, target, s->fade.coefficient, n);
-      if (std::fabs(reached - target) < 0.00001f) reached = target;
-      s->fade.mix = reached;
-      // Faded fully out: forget the filter history. This runs inside the
-      // channel loop, so later channels start this block from silence.
-      if (!enabled && m > 0.0f && reached == 0.0f) flushState(*s);
-    }
+    qor::copyBlock(x, s->dry, n);
+    filterChannels<1>(*s, ch, channels + ch, n);
+    float reached = m;
+    qor::crossfade(x, s->dry, x, reached, target, s->fade.coefficient, n);
+    if (std::fabs(reached - target) < 0.00001f) reached = target;
+    s->fade.mix = reached;
+    // Faded fully out: forget the filter history. This runs inside the
+    // channel loop, so later channels start this block from silence.
+    if (!enabled && m > 0.0f && reached == 0.0f) flushState(*s);
   }
   return Result::Success;
 }
