@@ -93,8 +93,11 @@ TEST_F(MultiBandEqualiserTest, FlatIsTransparentChannelsAreIndependentAndNoLaten
   p.band2Gain = -7.0f;
   p.highPassOrder = 2;
   p.lowPassOrder = 1;
-  out = run(make(p, 2, 256), in);
-  EXPECT_EQ(run(make(p, 1, 128), Signal{in[1]})[0], out[1]) << "state carries across blocks";
+  const Signal three{in[0], in[1], qor::test::whiteNoise(8192, 13, 0.5)};
+  out = run(make(p, 3, 256), three);
+  for (size_t c = 1; c < 3; ++c) {
+    EXPECT_EQ(run(make(p, 1, 128), Signal{three[c]})[0], out[c]) << "channel " << c;
+  }
   int latency = -1;
   EXPECT_EQ(qorMultiBandEqualiserGetCurrentLatency(memory.back()->as<QorMultiBandEqualiserInst>(), &latency),
             R::Success);
