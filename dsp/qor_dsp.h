@@ -8,3 +8,5 @@
 #include "dsp/dynamics/gating_compressor.h"
 #include "dsp/dynamics/hard_limiter.h"
 #include "dsp/dynamics/high_pass_filter.h"
+#include "dsp/dynamics/multi_band_equaliser.h"
+#include "dsp/dynamics/multi_band_compressor.h"

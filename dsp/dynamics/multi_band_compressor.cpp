@@ -1,0 +1,639 @@
+#include "dsp/dynamics/multi_band_compressor.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <numbers>
+
+#include "dsp/core/block_ops.h"
+#include "dsp/core/bypass.h"
+#include "dsp/core/follower.h"
+#include "dsp/core/instance.h"
+#include "dsp/core/levels.h"
+#include "dsp/core/peak_detector.h"
+
+namespace QorMultiBandCompressor_API_V1 {
+
+namespace {
+
+using Result = QorMultiBandCompressorResult;
+using Parameters = QorMultiBandCompressorParameters;
+
+// Five slots are built alike; only the last two carry the low and high band.
+constexpr int kSlots = 5;
+constexpr int kLowSlot = 3;
+constexpr int kHighSlot = 4;
+constexpr int kBands = 2;
+constexpr uint32_t kLookAhead = 4;
+constexpr uint32_t kMaxChannels = 2;
+constexpr uint32_t kResponsePoints = 1024;
+constexpr float kHysteresisDb = 1.5f;
+constexpr uint32_t kDetectorDivider = 20;
+constexpr int kReportedLatency = 128;
+
+// Biquad as b0, b1, b2, f1, f2 (feedback sign flipped), gain.
+using Coefficients = float[6];
+
+struct Slot {
+  uint8_t enable;
+  float threshold;  // dB
+  float slope;      // 1 - 1 / ratio
+  float floor;      // dB, lowest gain
+  qor::Follower followerA;
+  qor::Follower followerB;
+  Coefficients bandPass;  // level detection around the centre
+  Coefficients allPass;   // applies the gain to the band only
+  float bandPassState[kMaxChannels][2];
+  float allPassState[kMaxChannels][2];
+  qor::PeakHistory detector;
+  float y1, y2;    // follower outputs (linear gain)
+  float previous;  // gain applied at the end of the last sub-block
+};
+
+// Current value of one filter's gliding design inputs.
+struct Glide {
+  float gain;  // stays 0; glides like the others
+  float frequency;
+  float q;
+};
+
+struct Split {
+  float frequency;  // targets from the parameters
+  float q;
+  Glide bandPass;   // towards frequency, q x 2
+  Glide allPass;    // towards frequency, q x 0.5
+};
+
+struct State {
+  qor::ConfigHeader header;
+  Parameters parameters;
+  uint8_t meteringEnabled;
+  uint32_t subBlock;
+  Slot slots[kSlots];
+  Split splits[kBands];
+  uint32_t lookAheadIndex;
+  qor::BypassFade fade;
+  float lowTriple[3];
+  float highTriple[3];
+  QorMeteringPoint points[3];
+  QorMultiBandCompressorMeteringPoints pointRecord;
+  uint64_t marker;
+  float* scratch[kMaxChannels];  // band-passed sub-block
+  float* store[kMaxChannels];    // look-ahead: four sub-blocks per channel
+  float* dry[kMaxChannels];
+  float* response;               // 1024 frequencies, 1024 magnitudes
+  float* responseTable;          // cos w, sin w, cos 2w, sin 2w per frequency
+};
+
+Result result(int32_t code) { return static_cast<Result>(code); }
+
+int32_t checkConfig(const QorMultiBandCompressorConfig& c) {
+  const auto rateOk = [](uint32_t r) { return r >= 44100 && r <= 192000; };
+  const auto blockOk = [](uint32_t b) { return b >= 128 && b <= 4096; };
+  if (!rateOk(c.inputSampleRate)) return qor::ErrorSampleRate;
+  if (!rateOk(c.outputSampleRate) || c.outputSampleRate != c.inputSampleRate) {
+    return qor::ErrorSampleRate;
+  }
+  if (!blockOk(c.inputBlockSize)) return qor::ErrorBlockSize;
+  if (!blockOk(c.outputBlockSize) || c.outputBlockSize != c.inputBlockSize) {
+    return qor::ErrorBlockSize;
+  }
+  if (c.inputChannels < 1 || c.inputChannels > 2) return qor::ErrorInputChannels;
+  if (c.outputChannels < 1 || c.outputChannels > 2 || c.outputChannels != c.inputChannels) {
+    return qor::ErrorOutputChannels;
+  }
+  return qor::Success;
+}
+
+int32_t checkParameters(const Parameters& p) {
+  struct Range {
+    float Parameters::*field;
+    float lo, hi;
+  };
+  static constexpr Range kRanges[] = {
+      {&Parameters::lowThreshold, -50.0f, 0.0f},
+      {&Parameters::highThreshold, -50.0f, 0.0f},
+      {&Parameters::lowCrossoverFrequency, 60.0f, 1000.0f},
+      {&Parameters::lowCrossoverQ, 0.25f, 20.0f},
+      {&Parameters::lowGainFloor, -60.0f, 0.0f},
+      {&Parameters::highCrossoverFrequency, 1000.0f, 10000.0f},
+      {&Parameters::highCrossoverQ, 0.25f, 20.0f},
+      {&Parameters::highGainFloor, -60.0f, 0.0f},
+      {&Parameters::lowAttack, 0.0f, 200.0f},
+      {&Parameters::ratio, 1.0f, 20.0f},
+      {&Parameters::lowRelease, 20.0f, 1000.0f},
+      {&Parameters::highAttack, 0.0f, 200.0f},
+      {&Parameters::highRelease, 20.0f, 1000.0f},
+      {&Parameters::crossfadeTime, 0.0f, 250.0f},
+  };
+  for (int32_t i = 0; i < static_cast<int32_t>(std::size(kRanges)); ++i) {
+    const Range& r = kRanges[i];
+    if (qor::outOfRange(p.*(r.field), r.lo, r.hi)) return qor::parameterError(i);
+  }
+  return qor::Success;
+}
+
+size_t layOut(void* base, const QorMultiBandCompressorConfig& config, State** out) {
+  const uint32_t channels = config.inputChannels;
+  const uint32_t sub = qor::scaleForRate(32, config.inputSampleRate);
+  qor::InstanceLayout lay(base);
+  State* s = lay.take<State>();
+  float* scratch[kMaxChannels] = {};
+  float* store[kMaxChannels] = {};
+  float* dry[kMaxChannels] = {};
+  for (uint32_t c = 0; c < channels; ++c) {
+    scratch[c] = lay.take<float>(sub);
+    store[c] = lay.take<float>(kLookAhead * sub);
+    dry[c] = lay.take<float>(config.inputBlockSize);
+  }
+  float* response = nullptr;
+  float* table = nullptr;
+  if (config.meteringEnabled != 0) {
+    response = lay.take<float>(2 * kResponsePoints);
+    table = lay.take<float>(4 * kResponsePoints);
+  }
+  if (s != nullptr) {
+    for (uint32_t c = 0; c < kMaxChannels; ++c) {
+      s->scratch[c] = scratch[c];
+      s->store[c] = store[c];
+      s->dry[c] = dry[c];
+    }
+    s->response = response;
+    s->responseTable = table;
+    *out = s;
+  }
+  return lay.size();
+}
+
+// Cookbook band-pass (0 dB peak) and all-pass, designed in double. A centre
+// at or above Nyquist is refused and the filter keeps its coefficients.
+void designBandPass(Coefficients& c, double f, double q, double rate) {
+  if (f >= rate / 2.0) return;
+  const double w = 2.0 * std::numbers::pi * f / rate;
+  const double alpha = std::sin(w) / (2.0 * q);
+  const double a0 = 1.0 + alpha;
+  c[0] = static_cast<float>(alpha / a0);
+  c[1] = 0.0f;
+  c[2] = static_cast<float>(-alpha / a0);
+  c[3] = static_cast<float>(2.0 * std::cos(w) / a0);
+  c[4] = static_cast<float>(-(1.0 - alpha) / a0);
+  c[5] = 1.0f;
+}
+
+void designAllPass(Coefficients& c, double f, double q, double rate) {
+  if (f >= rate / 2.0) return;
+  const double w = 2.0 * std::numbers::pi * f / rate;
+  const double alpha = std::sin(w) / (2.0 * q);
+  const double a0 = 1.0 + alpha;
+  c[0] = static_cast<float>((1.0 - alpha) / a0);
+  c[1] = static_cast<float>(-2.0 * std::cos(w) / a0);
+  c[2] = 1.0f;
+  c[3] = static_cast<float>(2.0 * std::cos(w) / a0);
+  c[4] = static_cast<float>(-(1.0 - alpha) / a0);
+  c[5] = 1.0f;
+}
+
+// |H| of a coefficient set at the table entry's frequency.
+double magnitude(const Coefficients& c, const float* t) {
+  const double cw = t[0], sw = t[1], c2w = t[2], s2w = t[3];
+  const double nr = c[0] + c[1] * cw + c[2] * c2w;
+  const double ni = -(c[1] * sw + c[2] * s2w);
+  const double dr = 1.0 - c[3] * cw - c[4] * c2w;
+  const double di = c[3] * sw + c[4] * s2w;
+  return std::sqrt((nr * nr + ni * ni) / (dr * dr + di * di));
+}
+
+void setUpResponse(State& s) {
+  const double rate = s.header.inputSampleRate;
+  for (uint32_t i = 0; i < kResponsePoints; ++i) {
+    const double f = i * (rate / 2.0) / (kResponsePoints - 1);
+    const double w = 2.0 * std::numbers::pi * f / rate;
+    s.response[i] = static_cast<float>(f);
+    float* t = s.responseTable + 4 * i;
+    t[0] = static_cast<float>(std::cos(w));
+    t[1] = static_cast<float>(std::sin(w));
+    t[2] = static_cast<float>(std::cos(2.0 * w));
+    t[3] = static_cast<float>(std::sin(2.0 * w));
+  }
+}
+
+// The curve shows what the detectors listen to: both detection band-passes
+// in series.
+void computeResponse(State& s) {
+  const Slot& low = s.slots[kLowSlot];
+  const Slot& high = s.slots[kHighSlot];
+  float* mag = s.response + kResponsePoints;
+  for (uint32_t i = 0; i < kResponsePoints; ++i) {
+    const float* t = s.responseTable + 4 * i;
+    const double h = magnitude(low.bandPass, t) * magnitude(high.bandPass, t);
+    mag[i] = qor::linearToDb(static_cast<float>(h));
+  }
+}
+
+bool glideTowards(Glide& g, float frequency, float q, float c, bool forced) {
+  bool changed = false;
+  const auto step = [&](float& current, float target) {
+    if (current == target) return;
+    current = (1.0f - c) * current + c * target;
+    changed = true;
+    if (forced || std::fabs(target - current) < 0.01f) current = target;
+  };
+  step(g.gain, 0.0f);
+  step(g.frequency, frequency);
+  step(g.q, q);
+  return changed;
+}
+
+// Moves both bands' filters one step towards their targets; the time
+// constant is crossfadeTime at block rate.
+void glideSplits(State& s, bool forced) {
+  const float blockRate = std::trunc(static_cast<float>(s.header.inputSampleRate) /
+                                     static_cast<float>(s.header.inputBlockSize));
+  const float c = qor::timeConstantCoefficient(blockRate, s.parameters.crossfadeTime);
+  bool changed = false;
+  for (Split& sp : s.splits) {
+    changed |= glideTowards(sp.bandPass, sp.frequency, sp.q * 2.0f, c, forced);
+    changed |= glideTowards(sp.allPass, sp.frequency, sp.q * 0.5f, c, forced);
+  }
+  if (!changed) return;
+  const double rate = s.header.inputSampleRate;
+  for (int b = 0; b < kBands; ++b) {
+    const Split& sp = s.splits[b];
+    Slot& slot = s.slots[kLowSlot + b];
+    designBandPass(slot.bandPass, sp.bandPass.frequency, sp.bandPass.q, rate);
+    designAllPass(slot.allPass, sp.allPass.frequency, sp.allPass.q, rate);
+  }
+  if (s.meteringEnabled != 0) computeResponse(s);
+}
+
+void resetEngine(State& s) {
+  for (Slot& slot : s.slots) {
+    qor::peakHistorySetup(slot.detector, s.header.inputSampleRate, s.subBlock, kDetectorDivider);
+    slot.y1 = 1.0f;
+    slot.y2 = 1.0f;
+    for (uint32_t c = 0; c < kMaxChannels; ++c) {
+      slot.bandPassState[c][0] = slot.bandPassState[c][1] = 0.0f;
+      slot.allPassState[c][0] = slot.allPassState[c][1] = 0.0f;
+    }
+  }
+  for (uint32_t c = 0; c < s.header.inputChannels; ++c) {
+    qor::zeroBlock(s.store[c], kLookAhead * s.subBlock);
+  }
+  s.lookAheadIndex = 0;
+}
+
+void initEngine(State& s) {
+  for (Slot& slot : s.slots) {
+    slot = {};
+    slot.enable = 1;
+    slot.threshold = -12.0f;
+    slot.slope = 0.25f;
+    slot.floor = -100.0f;
+    qor::followerSetup(slot.followerA, 0.0f, kHysteresisDb, 0.0f, 0.0f);
+    qor::followerSetup(slot.followerB, 0.0f, kHysteresisDb, 0.0f, 0.0f);
+    // Unused slots never get a design: a unity all-pass keeps them inert.
+    slot.allPass[0] = 1.0f;
+    slot.allPass[5] = 1.0f;
+    slot.previous = 1.0f;
+  }
+  resetEngine(s);
+}
+
+void applyParameters(State& s) {
+  const Parameters& p = s.parameters;
+  const float subRate = std::trunc(static_cast<float>(s.header.inputSampleRate) *
+                                   (1.0f / static_cast<float>(s.subBlock)));
+  for (int k = 0; k < kLowSlot; ++k) s.slots[k].enable = 0;
+  struct Band {
+    uint8_t enable;
+    float threshold, floor, attack, release, frequency, q;
+  };
+  const Band bands[kBands] = {
+      {p.lowBandEnable, p.lowThreshold, p.lowGainFloor, p.lowAttack, p.lowRelease,
+       p.lowCrossoverFrequency, p.lowCrossoverQ},
+      {p.highBandEnable, p.highThreshold, p.highGainFloor, p.highAttack, p.highRelease,
+       p.highCrossoverFrequency, p.highCrossoverQ},
+  };
+  for (int b = 0; b < kBands; ++b) {
+    const Band& band = bands[b];
+    Slot& slot = s.slots[kLowSlot + b];
+    slot.enable = band.enable != 0 ? 1 : 0;
+    slot.threshold = band.threshold;
+    slot.floor = band.floor;
+    slot.slope = 1.0f - 1.0f / p.ratio;
+    qor::followerSetup(slot.followerA, subRate, kHysteresisDb, band.attack,
+                       std::max(band.release * 0.2f, 5.0f));
+    qor::followerSetup(slot.followerB, subRate, kHysteresisDb, std::max(band.attack * 5.0f, 5.0f),
+                       band.release);
+    s.splits[b].frequency = band.frequency;
+    s.splits[b].q = band.q;
+  }
+  s.fade.setTime(p.crossfadeTime, static_cast<float>(s.header.inputSampleRate));
+}
+
+inline float flushTiny(float v) { return std::fabs(v) < 1e-15f ? 0.0f : v; }
+
+// Band-passes `n` samples of x into y.
+void bandPass(const Coefficients& k, float state[2], const float* x, float* y, uint32_t n) {
+  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
+  float s1 = state[0], s2 = state[1];
+  for (uint32_t i = 0; i < n; ++i) {
+    const float v = x[i];
+    const float out = b0 * v + s1;
+    s1 = b1 * v + s2 + f1 * out;
+    s2 = b2 * v + f2 * out;
+    y[i] = out;
+  }
+  state[0] = flushTiny(s1);
+  state[1] = flushTiny(s2);
+}
+
+// x := 0.5 (1 + g) x + 0.5 (1 - g) AP(x), with g ramping by `step` per
+// sample: at the centre the all-pass inverts the band, which is then scaled
+// by g; far from it the all-pass is in phase and the signal passes.
+void applyBandGain(const Coefficients& k, float state[2], float* x, uint32_t n, float g,
+                   float step) {
+  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
+  float s1 = state[0], s2 = state[1];
+  for (uint32_t i = 0; i < n; ++i) {
+    const float v = x[i];
+    const float ap = b0 * v + s1;
+    s1 = b1 * v + s2 + f1 * ap;
+    s2 = b2 * v + f2 * ap;
+    x[i] = 0.5f * (1.0f + g) * v + 0.5f * (1.0f - g) * ap;
+    g += step;
+  }
+  state[0] = flushTiny(s1);
+  state[1] = flushTiny(s2);
+}
+
+// Stereo twins of the two loops above: the channels' recursions are
+// independent, so running them side by side overlaps them in the pipeline.
+void bandPassStereo(const Coefficients& k, float state[][2], const float* xl, const float* xr,
+                    float* yl, float* yr, uint32_t n) {
+  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
+  float l1 = state[0][0], l2 = state[0][1], r1 = state[1][0], r2 = state[1][1];
+  for (uint32_t i = 0; i < n; ++i) {
+    const float vl = xl[i], vr = xr[i];
+    const float ol = b0 * vl + l1;
+    const float orr = b0 * vr + r1;
+    l1 = b1 * vl + l2 + f1 * ol;
+    r1 = b1 * vr + r2 + f1 * orr;
+    l2 = b2 * vl + f2 * ol;
+    r2 = b2 * vr + f2 * orr;
+    yl[i] = ol;
+    yr[i] = orr;
+  }
+  state[0][0] = flushTiny(l1);
+  state[0][1] = flushTiny(l2);
+  state[1][0] = flushTiny(r1);
+  state[1][1] = flushTiny(r2);
+}
+
+void applyBandGainStereo(const Coefficients& k, float state[][2], float* xl, float* xr, uint32_t n,
+                         float g, float step) {
+  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
+  float l1 = state[0][0], l2 = state[0][1], r1 = state[1][0], r2 = state[1][1];
+  for (uint32_t i = 0; i < n; ++i) {
+    const float vl = xl[i], vr = xr[i];
+    const float al = b0 * vl + l1;
+    const float ar = b0 * vr + r1;
+    l1 = b1 * vl + l2 + f1 * al;
+    r1 = b1 * vr + r2 + f1 * ar;
+    l2 = b2 * vl + f2 * al;
+    r2 = b2 * vr + f2 * ar;
+    xl[i] = 0.5f * (1.0f + g) * vl + 0.5f * (1.0f - g) * al;
+    xr[i] = 0.5f * (1.0f + g) * vr + 0.5f * (1.0f - g) * ar;
+    g += step;
+  }
+  state[0][0] = flushTiny(l1);
+  state[0][1] = flushTiny(l2);
+  state[1][0] = flushTiny(r1);
+  state[1][1] = flushTiny(r2);
+}
+
+// Returns false when the block is not a whole number of sub-blocks.
+bool runEngine(State& s, float* const* channels) {
+  const uint32_t n = s.header.inputBlockSize;
+  const uint32_t sub = s.subBlock;
+  const uint32_t channelCount = s.header.inputChannels;
+  if (n % sub != 0) return false;
+  const float invSub = 1.0f / static_cast<float>(sub);
+
+  for (uint32_t at = 0; at < n; at += sub) {
+    float target[kSlots];
+    for (int k = 0; k < kSlots; ++k) {
+      Slot& slot = s.slots[k];
+      float gainDb = 0.0f;
+      if (slot.enable != 0) {
+        if (channelCount == 2) {
+          bandPassStereo(slot.bandPass, slot.bandPassState, channels[0] + at, channels[1] + at,
+                         s.scratch[0], s.scratch[1], sub);
+        } else {
+          bandPass(slot.bandPass, slot.bandPassState[0], channels[0] + at, s.scratch[0], sub);
+        }
+        const float level = qor::linearToDb(qor::peakHistoryUpdate(
+            slot.detector, s.scratch, 0, sub, static_cast<int32_t>(channelCount)));
+        gainDb = std::min(slot.threshold - level, 0.0f) * slot.slope;
+        if (gainDb < slot.floor) gainDb = slot.floor;
+      }
+      // 0 dB is exactly 1; most slots sit there, so skip the pow.
+      const float gain = gainDb == 0.0f ? 1.0f : qor::dbToLinear(gainDb);
+      qor::followFallingFirst(slot.followerA, &gain, &slot.y1, 1);
+      qor::followFallingFirst(slot.followerB, &slot.y1, &slot.y2, 1);
+      target[k] = std::min(slot.y1, slot.y2);
+    }
+
+    // Look-ahead: swap the new sub-block with the oldest stored one, so the
+    // gains computed from it act on audio four sub-blocks old.
+    for (uint32_t c = 0; c < channelCount; ++c) {
+      float* x = channels[c] + at;
+      float* old = s.store[c] + s.lookAheadIndex * sub;
+      for (uint32_t i = 0; i < sub; ++i) std::swap(x[i], old[i]);
+    }
+    s.lookAheadIndex = (s.lookAheadIndex + 1) % kLookAhead;
+
+    for (int k = 0; k < kSlots; ++k) {
+      Slot& slot = s.slots[k];
+      // A switched-off band glides back to unity before it stops.
+      if (slot.enable == 0 && slot.previous > 0.999f) continue;
+      const float step = (target[k] - slot.previous) * invSub;
+      if (channelCount == 2) {
+        applyBandGainStereo(slot.allPass, slot.allPassState, channels[0] + at, channels[1] + at,
+                            sub, slot.previous, step);
+      } else {
+        applyBandGain(slot.allPass, slot.allPassState[0], channels[0] + at, sub, slot.previous,
+                      step);
+      }
+      slot.previous = target[k];
+    }
+  }
+  return true;
+}
+
+void writeMetering(State& s) {
+  const Parameters& p = s.parameters;
+  const float silent = qor::linearToDb(0.0f);
+  const auto fill = [&](float* t, const Slot& slot, bool on) {
+    t[0] = on ? qor::linearToDb(slot.previous) : silent;
+    t[1] = on ? qor::linearToDb(slot.y2) : silent;
+    t[2] = 0.0f;
+  };
+  fill(s.lowTriple, s.slots[kLowSlot], p.enable != 0 && p.lowBandEnable != 0);
+  fill(s.highTriple, s.slots[kHighSlot], p.enable != 0 && p.highBandEnable != 0);
+  if (p.enable == 0) {
+    // Linear 1.0, not 0 dB: what the host has always shown for a bypassed stage.
+    std::fill(s.response + kResponsePoints, s.response + 2 * kResponsePoints, 1.0f);
+  }
+}
+
+}  // namespace
+
+Result qorMultiBandCompressorGetInstanceSize(const QorMultiBandCompressorConfig* config,
+                                             size_t* size) {
+  if (config == nullptr || size == nullptr) return Result::ErrorNullPointer;
+  if (const int32_t rc = checkConfig(*config); rc != 0) return result(rc);
+  if (const int32_t rc = checkParameters(config->parameters); rc != 0) return result(rc);
+  *size = layOut(nullptr, *config, nullptr);
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorInit(QorMultiBandCompressorInst* inst,
+                                  const QorMultiBandCompressorConfig* config) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkInit(s, config); rc != 0) return result(rc);
+  s->marker = 0;
+  if (const int32_t rc = checkConfig(*config); rc != 0) return result(rc);
+  if (const int32_t rc = checkParameters(config->parameters); rc != 0) return result(rc);
+
+  layOut(inst, *config, &s);
+  s->header = qor::headerOf(*config);
+  s->parameters = config->parameters;
+  s->meteringEnabled = config->meteringEnabled;
+  s->subBlock = qor::scaleForRate(32, config->inputSampleRate);
+  initEngine(*s);
+  const float rate = static_cast<float>(config->inputSampleRate);
+  s->fade.init(config->parameters.enable != 0, config->parameters.crossfadeTime, rate);
+
+  const float silent = qor::linearToDb(0.0f);
+  for (float* t : {s->lowTriple, s->highTriple}) {
+    t[0] = silent;
+    t[1] = silent;
+    t[2] = 0.0f;
+  }
+  if (s->meteringEnabled != 0) {
+    s->points[0] = {s->lowTriple, 1};
+    s->points[1] = {s->highTriple, 1};
+    s->points[2] = {s->response, 1};
+    for (int i = 0; i < 3; ++i) s->pointRecord.points[i] = &s->points[i];
+    setUpResponse(*s);
+  }
+  s->marker = qor::kInitMarker;
+
+  QorMultiBandCompressorParameters initial = config->parameters;
+  if (const Result rc = qorMultiBandCompressorUpdateParameters(inst, &initial);
+      rc != Result::Success) {
+    s->marker = 0;
+    return rc;
+  }
+  glideSplits(*s, true);
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorGetDefaultParameters(QorMultiBandCompressorParameters* parameters) {
+  if (parameters == nullptr) return Result::ErrorNullPointer;
+  *parameters = {};
+  parameters->lowThreshold = -20.0f;
+  parameters->highThreshold = -20.0f;
+  parameters->lowCrossoverFrequency = 120.0f;
+  parameters->lowCrossoverQ = 1.0f;
+  parameters->lowGainFloor = -20.0f;
+  parameters->highCrossoverFrequency = 4500.0f;
+  parameters->highCrossoverQ = 1.0f;
+  parameters->highGainFloor = -20.0f;
+  parameters->lowAttack = 1.0f;
+  parameters->ratio = 4.0f;
+  parameters->lowRelease = 80.0f;
+  parameters->highAttack = 1.0f;
+  parameters->highRelease = 80.0f;
+  parameters->crossfadeTime = 50.0f;
+  parameters->enable = 1;
+  parameters->lowBandEnable = 1;
+  parameters->highBandEnable = 1;
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorGetParameters(QorMultiBandCompressorInst* inst,
+                                           QorMultiBandCompressorParameters* parameters) {
+  const State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
+  *parameters = s->parameters;
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorUpdateParameters(QorMultiBandCompressorInst* inst,
+                                              QorMultiBandCompressorParameters* parameters) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
+  if (const int32_t rc = checkParameters(*parameters); rc != 0) return result(rc);
+  s->parameters = *parameters;
+  applyParameters(*s);
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorProcess(QorMultiBandCompressorInst* inst, float** channels) {
+  State* s = qor::stateOf<State>(inst);
+  const uint32_t channelCount = s != nullptr ? s->header.inputChannels : 0;
+  if (const int32_t rc = qor::checkProcess(s, channels, channelCount); rc != 0) return result(rc);
+
+  const bool enabled = s->parameters.enable != 0;
+  if (s->fade.active(enabled)) {
+    glideSplits(*s, false);
+    const bool transition = s->fade.transition(enabled);
+    const uint32_t n = s->header.inputBlockSize;
+    if (transition) qor::BypassFade::keepDry(channels, s->dry, channelCount, n);
+    if (!runEngine(*s, channels)) return Result::ErrorProcessing;
+    if (transition) {
+      s->fade.finish(enabled, channels, s->dry, channelCount, n);
+      // Reaching either end of a fade clears the engine, a finished fade-in
+      // included.
+      if (s->fade.mix == (enabled ? 1.0f : 0.0f)) resetEngine(*s);
+    }
+  }
+  if (s->meteringEnabled != 0) writeMetering(*s);
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorFlush(QorMultiBandCompressorInst* inst) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, s); rc != 0) return result(rc);
+  resetEngine(*s);
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorRelease(QorMultiBandCompressorInst* inst) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, s); rc != 0) return result(rc);
+  resetEngine(*s);
+  s->marker = 0;
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorGetCurrentLatency(QorMultiBandCompressorInst* inst, int* latency) {
+  const State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, latency); rc != 0) return result(rc);
+  // A fixed figure, whatever the sub-block length at this rate.
+  *latency = s->fade.mix != 0.0f ? kReportedLatency : 0;
+  return Result::Success;
+}
+
+Result qorMultiBandCompressorGetMeteringPoints(const QorMultiBandCompressorInst* const inst,
+                                               const QorMultiBandCompressorMeteringPoints** points) {
+  const State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, points); rc != 0) return result(rc);
+  if (s->meteringEnabled == 0) return Result::ErrorMeteringDisabled;
+  *points = &s->pointRecord;
+  return Result::Success;
+}
+
+}  // namespace QorMultiBandCompressor_API_V1
