@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <numbers>
 
 #if defined(__SSE2__) && !defined(QOR_FFT_PORTABLE)
@@ -82,6 +83,17 @@ inline void storePairs(float* p, V x, V y) {
   _mm_storeu_ps(p + 4, _mm_unpackhi_ps(x, y));
 }
 inline void transpose(V& a, V& b, V& c, V& d) { _MM_TRANSPOSE4_PS(a, b, c, d); }
+// Four complex values stored as (re, im) pairs at p + i[l], one 8-byte load each.
+inline void gatherPairs(const float* p, const uint32_t* i, V& re, V& im) {
+  double d0, d1, d2, d3;
+  std::memcpy(&d0, p + i[0], 8);
+  std::memcpy(&d1, p + i[1], 8);
+  std::memcpy(&d2, p + i[2], 8);
+  std::memcpy(&d3, p + i[3], 8);
+  const V a = _mm_castpd_ps(_mm_set_pd(d1, d0)), b = _mm_castpd_ps(_mm_set_pd(d3, d2));
+  re = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  im = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
 #else
 struct V {
   float v[4];
@@ -114,6 +126,10 @@ inline void transpose(V& a, V& b, V& c, V& d) {
   b = {{r[0].v[1], r[1].v[1], r[2].v[1], r[3].v[1]}};
   c = {{r[0].v[2], r[1].v[2], r[2].v[2], r[3].v[2]}};
   d = {{r[0].v[3], r[1].v[3], r[2].v[3], r[3].v[3]}};
+}
+inline void gatherPairs(const float* p, const uint32_t* i, V& re, V& im) {
+  re = {{p[i[0]], p[i[1]], p[i[2]], p[i[3]]}};
+  im = {{p[i[0] + 1], p[i[1] + 1], p[i[2] + 1], p[i[3] + 1]}};
 }
 #endif
 
@@ -155,16 +171,17 @@ inline void twiddles4(const Stage& st, uint32_t j0, V& wr, V& wi) {
   wi = lanes(i0, i1, i2, i3);
 }
 
-// Bit-reversed gather of m complex points (element k at src[k * stride])
-// fused with the two trivial first stages, four groups of four per round.
+// Bit-reversed gather of m complex points stored as (re, im) pairs, fused
+// with the two trivial first stages, four groups of four per round.
 // rev_m(k) = bitReverse[2k]; within a group the reversed indices step by
 // m/2 and m/4.
-template <uint32_t Stride>
-void gatherFirstStagesSmall(const float* srcRe, const float* srcIm, const uint32_t* bitReverse,
-                            uint32_t m, float* zr, float* zi) {
-  const uint32_t half = m / 2 * Stride, quarter = m / 4 * Stride;
+void gatherFirstStagesSmall(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                            float* zi) {
+  const float* srcRe = pairs;
+  const float* srcIm = pairs + 1;
+  const uint32_t half = m, quarter = m / 2;
   for (uint32_t g = 0; g < m / 4; ++g) {
-    const uint32_t i0 = bitReverse[8 * g] * Stride;
+    const uint32_t i0 = bitReverse[8 * g] * 2;
     const uint32_t i1 = i0 + half, i2 = i0 + quarter, i3 = i0 + half + quarter;
     const float s01r = srcRe[i0] + srcRe[i1], s01i = srcIm[i0] + srcIm[i1];
     const float d01r = srcRe[i0] - srcRe[i1], d01i = srcIm[i0] - srcIm[i1];
@@ -183,27 +200,26 @@ void gatherFirstStagesSmall(const float* srcRe, const float* srcIm, const uint32
   }
 }
 
-template <uint32_t Stride>
-void gatherFirstStages(const float* srcRe, const float* srcIm, const uint32_t* bitReverse,
-                       uint32_t m, float* zr, float* zi) {
-  const uint32_t half = m / 2 * Stride, quarter = m / 4 * Stride;
+void gatherFirstStages(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                       float* zi) {
+  const uint32_t half = m, quarter = m / 2;  // in floats: m/2 and m/4 pairs
   if (m < 16) {
-    gatherFirstStagesSmall<Stride>(srcRe, srcIm, bitReverse, m, zr, zi);
+    gatherFirstStagesSmall(pairs, bitReverse, m, zr, zi);
     return;
   }
-  auto at = [](const float* src, const uint32_t* i) {
-    return lanes(src[i[0]], src[i[1]], src[i[2]], src[i[3]]);
-  };
   for (uint32_t g = 0; g < m / 4; g += 4) {
     uint32_t i0[4], i1[4], i2[4], i3[4];
     for (uint32_t l = 0; l < 4; ++l) {
-      i0[l] = bitReverse[8 * (g + l)] * Stride;
+      i0[l] = bitReverse[8 * (g + l)] * 2;
       i1[l] = i0[l] + half;
       i2[l] = i0[l] + quarter;
       i3[l] = i0[l] + half + quarter;
     }
-    const V a0r = at(srcRe, i0), a1r = at(srcRe, i1), a2r = at(srcRe, i2), a3r = at(srcRe, i3);
-    const V a0i = at(srcIm, i0), a1i = at(srcIm, i1), a2i = at(srcIm, i2), a3i = at(srcIm, i3);
+    V a0r, a0i, a1r, a1i, a2r, a2i, a3r, a3i;
+    gatherPairs(pairs, i0, a0r, a0i);
+    gatherPairs(pairs, i1, a1r, a1i);
+    gatherPairs(pairs, i2, a2r, a2i);
+    gatherPairs(pairs, i3, a3r, a3i);
     const V s01r = add(a0r, a1r), s01i = add(a0i, a1i);
     const V d01r = sub(a0r, a1r), d01i = sub(a0i, a1i);
     const V s23r = add(a2r, a3r), s23i = add(a2i, a3i);
@@ -228,19 +244,20 @@ void gatherFirstStages(const float* srcRe, const float* srcIm, const uint32_t* b
 
 // As above for an odd number of stages: the gather also does the stage of
 // length 8, so groups are eight points (reversed indices step by m/8).
-template <uint32_t Stride>
-void gatherFirstThreeStages(const float* srcRe, const float* srcIm, const uint32_t* bitReverse,
-                            uint32_t m, float* zr, float* zi, float h) {
-  const uint32_t eighth = m / 8 * Stride;
-  auto at = [](const float* src, const uint32_t* i, uint32_t offset) {
-    return lanes(src[i[0] + offset], src[i[1] + offset], src[i[2] + offset], src[i[3] + offset]);
+void gatherFirstThreeStages(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                            float* zi, float h) {
+  const uint32_t eighth = m / 8 * 2;  // in floats
+  auto at = [&](const uint32_t* base, uint32_t offset, V& re, V& im) {
+    const uint32_t i[4] = {base[0] + offset, base[1] + offset, base[2] + offset, base[3] + offset};
+    gatherPairs(pairs, i, re, im);
   };
   // Four-point DFT of the inputs at base + {0, 4, 2, 6} * m/8 (+ shift).
   auto fourPoint = [&](const uint32_t* base, uint32_t shift, V* yr, V* yi) {
-    const V a0r = at(srcRe, base, shift), a0i = at(srcIm, base, shift);
-    const V a1r = at(srcRe, base, shift + 4 * eighth), a1i = at(srcIm, base, shift + 4 * eighth);
-    const V a2r = at(srcRe, base, shift + 2 * eighth), a2i = at(srcIm, base, shift + 2 * eighth);
-    const V a3r = at(srcRe, base, shift + 6 * eighth), a3i = at(srcIm, base, shift + 6 * eighth);
+    V a0r, a0i, a1r, a1i, a2r, a2i, a3r, a3i;
+    at(base, shift, a0r, a0i);
+    at(base, shift + 4 * eighth, a1r, a1i);
+    at(base, shift + 2 * eighth, a2r, a2i);
+    at(base, shift + 6 * eighth, a3r, a3i);
     const V s01r = add(a0r, a1r), s01i = add(a0i, a1i);
     const V d01r = sub(a0r, a1r), d01i = sub(a0i, a1i);
     const V s23r = add(a2r, a3r), s23i = add(a2i, a3i);
@@ -257,7 +274,7 @@ void gatherFirstThreeStages(const float* srcRe, const float* srcIm, const uint32
   const V hv = splat(h);
   for (uint32_t g = 0; g < m / 8; g += 4) {
     uint32_t base[4];
-    for (uint32_t l = 0; l < 4; ++l) base[l] = bitReverse[16 * (g + l)] * Stride;
+    for (uint32_t l = 0; l < 4; ++l) base[l] = bitReverse[16 * (g + l)] * 2;
     V yr[4], yi[4], zr4[4], zi4[4];
     fourPoint(base, 0, yr, yi);
     fourPoint(base, eighth, zr4, zi4);
@@ -350,18 +367,17 @@ void radix4Stages(const float* twiddleBase, uint32_t stage, uint32_t m, float* z
   }
 }
 
-// DFT of m >= 4 complex points (element k at src[k * Stride]) into zr, zi.
-template <uint32_t Stride>
-void complexTransform(const float* srcRe, const float* srcIm, const RealFftSetup& setup,
-                      uint32_t m, float* zr, float* zi) {
+// DFT of m >= 4 complex points stored as (re, im) pairs into zr, zi.
+void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m, float* zr,
+                      float* zi) {
   uint32_t stage = 8;
   if ((log2Of(m) & 1) != 0 && m >= 32) {
     float h, unused;
     twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
-    gatherFirstThreeStages<Stride>(srcRe, srcIm, setup.bitReverse, m, zr, zi, h);
+    gatherFirstThreeStages(pairs, setup.bitReverse, m, zr, zi, h);
     stage = 16;
   } else {
-    gatherFirstStages<Stride>(srcRe, srcIm, setup.bitReverse, m, zr, zi);
+    gatherFirstStages(pairs, setup.bitReverse, m, zr, zi);
     if ((log2Of(m) & 1) != 0 && m >= 8) {
       radix2Stage8(setup.twiddles, m, zr, zi);
       stage = 16;
@@ -380,7 +396,7 @@ void forwardPowerOfTwo(const RealFftSetup& setup, const float* input, float* re,
   const uint32_t n = setup.size, m = n / 2, h = m / 2;
   float* zr = scratch;
   float* zi = scratch + m;
-  complexTransform<2>(input, input + 1, setup, m, zr, zi);
+  complexTransform(input, setup, m, zr, zi);
 
   // Untangle: X[k] = E + T, X[m-k] = conj(E - T) with E = (Z[k] + conj Z[m-k]) / 2,
   // T = w^k * (-i/2) (Z[k] - conj Z[m-k]), w = e^(-2 pi i / n).
@@ -426,13 +442,14 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
   const uint32_t n = setup.size, m = n / 2, h = m / 2;
   float* zr = scratch;
   float* zi = scratch + m;
-  float* tr = scratch + n;
-  float* ti = scratch + n + m;
+  // 2 Z as (im, re) pairs: the inverse DFT is the forward one with re and im
+  // swapped on both sides.
+  float* t = scratch + n;
 
   // Retangle into 2 Z: Z[k] = E + i conj(w^k) D, Z[m-k] = conj(E - i conj(w^k) D)
   // with E = X[k] + conj X[m-k], D = X[k] - conj X[m-k].
-  tr[0] = re[0] + re[m];
-  ti[0] = re[0] - re[m];
+  t[0] = re[0] - re[m];
+  t[1] = re[0] + re[m];
   const float* table = stageTable(setup.twiddles, n);
   uint32_t k = 1;
   for (; k + 3 < h; k += 4) {
@@ -444,10 +461,8 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
     loadPairs(table + 2 * k, wr, wi);
     const V ur = sub(mul(wi, dr), mul(wr, di));
     const V ui = add(mul(wr, dr), mul(wi, di));
-    storeu(tr + k, add(er, ur));
-    storeu(ti + k, add(ei, ui));
-    storeu(tr + m - k - 3, reverse(sub(er, ur)));
-    storeu(ti + m - k - 3, reverse(sub(ui, ei)));
+    storePairs(t + 2 * k, add(ei, ui), add(er, ur));
+    storePairs(t + 2 * (m - k - 3), reverse(sub(ui, ei)), reverse(sub(er, ur)));
   }
   for (; k < h; ++k) {
     const float ar = re[k], ai = im[k], br = re[m - k], bi = im[m - k];
@@ -455,16 +470,15 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
     float wr, wi;
     twiddle(table, n, k, wr, wi);
     const float ur = wi * dr - wr * di, ui = wr * dr + wi * di;
-    tr[k] = er + ur;
-    ti[k] = ei + ui;
-    tr[m - k] = er - ur;
-    ti[m - k] = ui - ei;
+    t[2 * k] = ei + ui;
+    t[2 * k + 1] = er + ur;
+    t[2 * (m - k)] = ui - ei;
+    t[2 * (m - k) + 1] = er - ur;
   }
-  tr[h] = 2.0f * re[h];
-  ti[h] = -2.0f * im[h];
+  t[2 * h] = -2.0f * im[h];
+  t[2 * h + 1] = 2.0f * re[h];
 
-  // The inverse DFT is the forward one with re and im swapped on both sides.
-  complexTransform<1>(ti, tr, setup, m, zr, zi);
+  complexTransform(t, setup, m, zr, zi);
 
   // 1/n is a power of two, so the product equals the division exactly.
   const V scale = splat(1.0f / static_cast<float>(n));
