@@ -15,7 +15,7 @@
 // An N-point real transform runs as an N/2-point complex transform on the
 // even/odd samples (split re/im arrays in the scratch), followed by the usual
 // half-length untangling step. The complex part is decimation in time: a
-// bit-reversed gather fused with the first two stages, then pairs of stages
+// bit-reversed gather fused with the first two or three stages, then pairs of stages
 // fused into radix-4 passes, vectorised four butterflies wide. All twiddles
 // come from the per-stage quarter-wave tables, rotated by -i where a
 // butterfly needs the second or later quadrant.
