@@ -10,3 +10,4 @@
 #include "dsp/dynamics/high_pass_filter.h"
 #include "dsp/dynamics/multi_band_equaliser.h"
 #include "dsp/dynamics/multi_band_compressor.h"
+#include "dsp/noise/noise_reduction.h"
