@@ -6,3 +6,4 @@
 
 #include "dsp/core/metering.h"
 #include "dsp/voice/ring_modulator.h"
+#include "dsp/voice/delay.h"
