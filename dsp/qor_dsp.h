@@ -7,3 +7,4 @@
 #include "dsp/core/metering.h"
 #include "dsp/voice/ring_modulator.h"
 #include "dsp/voice/delay.h"
+#include "dsp/voice/flanger_phaser.h"
