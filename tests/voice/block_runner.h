@@ -9,6 +9,7 @@
 
 #include "support/alloc_guard.h"
 #include "support/audio_buffers.h"
+#include "support/signals.h"
 
 namespace qor::test {
 
