@@ -3,6 +3,7 @@
 // calling conventions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <memory>

@@ -3,6 +3,8 @@
 // switch-off and the calling conventions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
 #include <memory>

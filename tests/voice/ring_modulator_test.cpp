@@ -2,6 +2,7 @@
 // the bypass fade, and the calling conventions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <numbers>

@@ -2,6 +2,7 @@
 // and the phase arithmetic measured on its output.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <numbers>
