@@ -11,3 +11,6 @@
 #include "dsp/dynamics/multi_band_equaliser.h"
 #include "dsp/dynamics/multi_band_compressor.h"
 #include "dsp/noise/noise_reduction.h"
+#include "dsp/voice/ring_modulator.h"
+#include "dsp/voice/delay.h"
+#include "dsp/voice/flanger_phaser.h"

@@ -1,0 +1,125 @@
+// The shared wavetable oscillator: tables against their defining formulas,
+// and the phase arithmetic measured on its output.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <numbers>
+#include <vector>
+
+#include "dsp/voice/wavetable_oscillator.h"
+#include "support/signals.h"
+
+namespace {
+
+using qor::WavetableOscillator;
+constexpr double kPi = std::numbers::pi;
+
+// Each shape written out again, independently of the oscillator's builder.
+double reference(int32_t shape, int i) {
+  const double x = i, w = 2.0 * kPi * x / 256.0;
+  const double t = std::fmod(x, 256.0) / 64.0;
+  switch (shape) {
+    case 0: return t < 1 ? t : t < 3 ? 2.0 - t : t - 4.0;
+    case 1: return std::sin(w);
+    case 2: return std::pow(std::sin(w), 2);
+    case 3: return std::cos(w);
+    case 4: return std::pow(std::cos(w), 2);
+    case 5: return std::max(std::cos(w), 0.0);
+    case 6: return i == 256 ? -1.0 : -1.0 + x * 2.0 / 255.0;
+    case 7: return i == 256 ? 0.0 : x / 255.0;
+    case 8: return i == 256 ? 1.0 : (255.0 - x) / 255.0;
+    case 9: return i <= 128 ? x / 128.0 : (256.0 - x) / 128.0;
+    case 10: return (i < 128 || i == 256) ? 1.0 : -1.0;
+    case 11: return i == 256 ? -1.0 : -1.0 + 2.0 * std::expm1((i < 128 ? x : 256.0 - x) / 128.0) / std::expm1(1.0);
+    default: return 0.0;
+  }
+}
+
+std::unique_ptr<WavetableOscillator> makeOscillator(int32_t shape, float rate, float hz) {
+  auto osc = std::make_unique<WavetableOscillator>();
+  osc->init();
+  osc->setShape(shape);
+  osc->setSampleRate(rate);
+  osc->setFrequency(hz);
+  return osc;
+}
+
+class WavetableShapes : public ::testing::TestWithParam<int32_t> {};
+
+TEST_P(WavetableShapes, TablesFollowTheFormulaAndMirrorIntoTheReversedTable) {
+  auto osc = makeOscillator(GetParam(), 48000.0f, 1.0f);
+  EXPECT_EQ(osc->shape, GetParam());
+  for (int i = 0; i <= 256; ++i) EXPECT_NEAR(osc->table[i], reference(GetParam(), i), 2e-7) << i;
+  for (int k = 0; k < 256; ++k) ASSERT_EQ(osc->reversedTable[k], osc->table[255 - k]) << k;
+  EXPECT_EQ(osc->reversedTable[256], osc->reversedTable[0]);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllTwelve, WavetableShapes, ::testing::Range(0, 12));
+
+TEST(WavetableOscillator, StartsAsAOneHertzTriangleAndIgnoresUnknownShapes) {
+  WavetableOscillator osc{};
+  osc.init();
+  EXPECT_EQ(osc.shape, 0);
+  EXPECT_EQ(osc.phase, 0u);
+  EXPECT_EQ(osc.increment, static_cast<uint32_t>(256.0f / 48000.0f * 16777216.0f));
+  osc.setShape(12);
+  osc.setShape(-1);
+  EXPECT_EQ(osc.shape, 0);
+  osc.setSampleRate(-5.0f);
+  EXPECT_EQ(osc.sampleRate, 48000.0f) << "a non-positive rate stands for 48 kHz";
+  osc.setFrequency(std::nanf(""));
+  EXPECT_EQ(osc.increment, 0u);
+}
+
+TEST(WavetableOscillator, SineRunsAtTheTruncatedFixedPointIncrement) {
+  for (float hz : {1.0f, 440.0f, 2000.0f}) {
+    auto osc = makeOscillator(1, 44100.0f, hz);
+    const double exact = static_cast<double>(hz) * 256.0 / 44100.0 * 16777216.0;
+    EXPECT_LE(osc->increment, exact * (1 + 1e-6));
+    EXPECT_GT(osc->increment + 1.0, exact * (1 - 1e-6));
+    std::vector<float> out(44100);
+    osc->render(out.data(), 44100);
+    const double cyclesPerStep = osc->increment / 4294967296.0;
+    for (size_t n = 0; n < out.size(); n += 37) {
+      // Linear interpolation over 256 points errs by at most (2 pi / 256)^2 / 8.
+      ASSERT_NEAR(out[n], std::sin(2 * kPi * cyclesPerStep * n), 8e-5) << hz << " " << n;
+    }
+    EXPECT_NEAR(qor::test::toneAmplitude(out, hz, 44100.0), 1.0, 2e-3) << hz;
+  }
+}
+
+TEST(WavetableOscillator, StartPhaseIsMeasuredBackwardsFromTheTableEnd) {
+  auto osc = makeOscillator(1, 48000.0f, 100.0f);
+  for (const auto& [degrees, index] : {std::pair{90.0f, 192u}, std::pair{-90.0f, 64u},
+                                       std::pair{450.0f, 192u}, std::pair{0.0f, 0u},
+                                       std::pair{360.0f, 0u}, std::pair{45.0f, 224u}}) {
+    osc->setStartPhase(degrees);
+    EXPECT_EQ(osc->startPhase, index << 24) << degrees;
+    EXPECT_EQ(osc->phase, index << 24) << degrees;
+  }
+  osc->setStartPhase(-90.0f);
+  EXPECT_NEAR(osc->next(), 1.0f, 1e-6) << "entry 64 of the sine";
+  for (int i = 0; i < 1000; ++i) osc->next();
+  osc->reset();
+  EXPECT_EQ(osc->phase, 64u << 24);
+}
+
+TEST(WavetableOscillator, NegativeFrequencyRetracesTheCurve) {
+  for (int32_t shape : {1, 6, 11}) {
+    auto osc = makeOscillator(shape, 48000.0f, 333.0f);
+    std::vector<float> forward(2001);
+    for (float& v : forward) v = osc->next();
+    osc->setFrequency(-333.0f);
+    EXPECT_EQ(osc->reversed, 1u);
+    osc->next();  // the turning point itself
+    for (int k = 2000; k >= 1000; --k) ASSERT_NEAR(osc->next(), forward[k], 2e-5) << shape << " " << k;
+    osc->setFrequency(333.0f);
+    EXPECT_EQ(osc->reversed, 0u);
+    osc->next();
+    for (int k = 1000; k < 1500; ++k) ASSERT_NEAR(osc->next(), forward[k], 2e-5) << shape << " " << k;
+  }
+}
+
+}  // namespace
