@@ -109,7 +109,7 @@ size_t layOut(void* base, const QorReverbConfig& config, State** out) {
   const uint32_t rate = config.inputSampleRate;
   const uint32_t n = config.inputBlockSize;
   qor::ReverbReflections::layOut(lay, rate, n, s != nullptr ? &s->reflections : nullptr);
-  qor::ReverbNetwork::layOut(lay, rate, s != nullptr ? &s->network : nullptr);
+  qor::ReverbNetwork::layOut(lay, s != nullptr ? &s->network : nullptr);
   const uint32_t preDelayCapacity = qor::ReverbReflections::ringLengthFor(rate);
   for (int k = 0; k < 2; ++k) {
     float* buffer = lay.take<float>(preDelayCapacity);

@@ -16,6 +16,8 @@ constexpr int kLines = ReverbNetwork::kLines;
 constexpr int kStages = ReverbNetwork::kStages;
 constexpr uint32_t kRows = ReverbNetwork::kDiffusionRows;
 constexpr uint32_t kRowMask = kRows - 1;
+constexpr uint32_t kRingSize = ReverbNetwork::kRingSize;
+constexpr uint32_t kRingMask = kRingSize - 1;
 
 constexpr uint32_t kBase[kLines] = {1499, 1597, 1693, 1801, 1913, 2039, 2161, 2297,
                                     2447, 2593, 2767, 2939, 3121, 3319, 3527, 3739};
@@ -46,11 +48,38 @@ uint32_t lengthFor(int lane, float scale) {
   return static_cast<uint32_t>(nearestPrime(static_cast<int32_t>(scaled)));
 }
 
-float sum16(float* p) {
-  for (int h = 8; h >= 1; h >>= 1) {
-    for (int j = 0; j < h; ++j) p[j] += p[j + h];
+// Unnormalised. Lanes 4q + m: first the butterflies across the four groups
+// (the same for every m, so they vectorise), then those inside each group.
+inline void hadamard16(float* v) {
+  for (int m = 0; m < 4; ++m) {
+    const float b0 = v[m] + v[4 + m];
+    const float b1 = v[m] - v[4 + m];
+    const float b2 = v[8 + m] + v[12 + m];
+    const float b3 = v[8 + m] - v[12 + m];
+    v[m] = b0 + b2;
+    v[4 + m] = b1 + b3;
+    v[8 + m] = b0 - b2;
+    v[12 + m] = b1 - b3;
   }
-  return p[0];
+  for (int q = 0; q < 16; q += 4) {
+    const float b0 = v[q] + v[q + 1];
+    const float b1 = v[q] - v[q + 1];
+    const float b2 = v[q + 2] + v[q + 3];
+    const float b3 = v[q + 2] - v[q + 3];
+    v[q] = b0 + b2;
+    v[q + 1] = b1 + b3;
+    v[q + 2] = b0 - b2;
+    v[q + 3] = b1 - b3;
+  }
+}
+
+// Sum of x[j] * g[j] over 16 lanes, in four partial sums.
+inline float dot16(const float* x, const float* g) {
+  float acc[4];
+  for (int m = 0; m < 4; ++m) {
+    acc[m] = x[m] * g[m] + x[4 + m] * g[4 + m] + x[8 + m] * g[8 + m] + x[12 + m] * g[12 + m];
+  }
+  return (acc[0] + acc[1]) + (acc[2] + acc[3]);
 }
 
 }  // namespace
@@ -97,18 +126,7 @@ ReverbSection designReverbDecayFilter(uint32_t samples, double rate, const Rever
           static_cast<float>(al * ah)};
 }
 
-void walshHadamard16(float* v) {
-  for (int h = 1; h < 16; h <<= 1) {
-    for (int i = 0; i < 16; i += 2 * h) {
-      for (int j = i; j < i + h; ++j) {
-        const float a = v[j];
-        const float b = v[j + h];
-        v[j] = a + b;
-        v[j + h] = a - b;
-      }
-    }
-  }
-}
+void walshHadamard16(float* v) { hadamard16(v); }
 
 uint32_t ReverbNetwork::baseLength(int line) { return kBase[line]; }
 
@@ -118,25 +136,18 @@ uint32_t ReverbNetwork::baseLengthSum() {
   return sum;
 }
 
-void ReverbNetwork::layOut(InstanceLayout& lay, uint32_t /*rate*/, ReverbNetwork* net) {
-  for (int lane = 0; lane < kLines; ++lane) {
-    const uint32_t cap = lengthFor(lane, 2.0f);
-    float* buffer = lay.take<float>(cap);
-    if (net != nullptr) {
-      net->ring[lane] = buffer;
-      net->capacity[lane] = cap;
-      net->length[lane] = cap;
-    }
-  }
+void ReverbNetwork::layOut(InstanceLayout& lay, ReverbNetwork* net) {
+  float* rings = lay.take<float>(static_cast<size_t>(kLines) * kRingSize);
   float* diffusion = lay.take<float>(static_cast<size_t>(kStages) * kRows * kLines);
-  if (net != nullptr) net->diffusion = diffusion;
+  if (net != nullptr) {
+    net->rings = rings;
+    net->diffusion = diffusion;
+  }
 }
 
 void ReverbNetwork::clear() {
-  for (int lane = 0; lane < kLines; ++lane) {
-    std::memset(ring[lane], 0, sizeof(float) * capacity[lane]);
-    position[lane] = 0;
-  }
+  std::memset(rings, 0, sizeof(float) * kLines * kRingSize);
+  clock = 0;
   std::memset(diffusion, 0, sizeof(float) * kStages * kRows * kLines);
   diffusionRow = 0;
   std::memset(x1, 0, sizeof x1);
@@ -154,9 +165,8 @@ bool ReverbNetwork::retune(float newScale, const ReverbDecayTimes& t, double rat
   scale = newScale;
   times = t;
   for (int lane = 0; lane < kLines; ++lane) {
-    uint32_t len = std::min(lengthFor(lane, newScale), capacity[lane]);
+    const uint32_t len = lengthFor(lane, newScale);
     length[lane] = len;
-    if (position[lane] >= len) position[lane] = 0;
     const ReverbSection s = designReverbDecayFilter(len, rate, t);
     const float values[5] = {s.b0, s.b1, s.b2, s.a1, s.a2};
     for (int k = 0; k < 5; ++k) {
@@ -199,22 +209,24 @@ void ReverbNetwork::process(const float* inL, const float* inR, float* outL, flo
     for (int lane = 0; lane < kLines; ++lane) gain[st][lane] = loopGain[st][lane >> 2];
   }
   uint32_t row = diffusionRow;
+  uint32_t t = clock;
 
   for (uint32_t i = 0; i < n; ++i) {
     alignas(32) float s[kLines];
     std::memcpy(s, sy1, sizeof s);
-    walshHadamard16(s);
+    hadamard16(s);
     const float l = inL[i];
     const float r = inR[i];
     for (int j = 0; j < kLines; ++j) s[j] = 0.25f * s[j] + l * kGainLeft[j] + r * kGainRight[j];
 
-    // Three all-pass stages; each stage's loop carries its decay gain.
+    // Three all-pass stages; each stage's loop carries its decay gain. The
+    // four lanes of a group share their delays.
     for (int st = 0; st < kStages; ++st) {
       float* rows = diffusion + static_cast<size_t>(st) * kRows * kLines;
       alignas(32) float delayed[kLines];
       for (int q = 0; q < 4; ++q) {
-        const float* src = rows + ((row - kStageDelay[q][st]) & kRowMask) * kLines + 4 * q;
-        for (int m = 0; m < 4; ++m) delayed[4 * q + m] = src[m];
+        std::memcpy(delayed + 4 * q, rows + ((row - kStageDelay[q][st]) & kRowMask) * kLines + 4 * q,
+                    4 * sizeof(float));
       }
       alignas(32) float v[kLines];
       for (int j = 0; j < kLines; ++j) {
@@ -227,22 +239,18 @@ void ReverbNetwork::process(const float* inL, const float* inR, float* outL, flo
     row = (row + 1) & kRowMask;
 
     // Outputs are taken at the diffused line inputs.
-    alignas(32) float pl[kLines], pr[kLines];
-    for (int j = 0; j < kLines; ++j) {
-      pl[j] = s[j] * kGainLeft[j];
-      pr[j] = s[j] * kGainRight[j];
-    }
-    outL[i] = sum16(pl);
-    outR[i] = sum16(pr);
+    outL[i] = dot16(s, kGainLeft.data());
+    outR[i] = dot16(s, kGainRight.data());
 
+    // Every ring is written at the shared clock; line j reads length[j] behind.
     alignas(32) float d[kLines];
+    const uint32_t now = t & kRingMask;
     for (int j = 0; j < kLines; ++j) {
-      float* buffer = ring[j];
-      const uint32_t p = position[j];
-      d[j] = buffer[p];
-      buffer[p] = s[j];
-      position[j] = p + 1 == length[j] ? 0 : p + 1;
+      float* buffer = rings + static_cast<size_t>(j) * kRingSize;
+      d[j] = buffer[(t - length[j]) & kRingMask];
+      buffer[now] = s[j];
     }
+    ++t;
 
     if (rampLeft > 0) {
       for (int k = 0; k < 5; ++k) {
@@ -264,6 +272,7 @@ void ReverbNetwork::process(const float* inL, const float* inR, float* outL, flo
   }
 
   diffusionRow = row;
+  clock = t;
   std::memcpy(coef, c, sizeof c);
   std::memcpy(x1, sx1, sizeof sx1);
   std::memcpy(x2, sx2, sizeof sx2);

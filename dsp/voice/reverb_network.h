@@ -43,14 +43,15 @@ struct ReverbNetwork {
   static constexpr int kLines = 16;
   static constexpr int kStages = 3;
   static constexpr uint32_t kDiffusionRows = 64;  // ring of each diffuser stage
+  // Every line fits one power-of-two ring: the longest, at scale 2, is 7477.
+  static constexpr uint32_t kRingSize = 8192;
 
   // Lanes hold the lines in group-major order (lane 4q + m is line 4m + q), so
   // the four lines sharing one diffuser pattern sit side by side. The Hadamard
   // matrix is unchanged by that reordering.
-  float* ring[kLines];
+  float* rings;  // [lane][kRingSize], all written at `clock`
+  uint32_t clock;
   uint32_t length[kLines];
-  uint32_t capacity[kLines];
-  uint32_t position[kLines];
   float* diffusion;  // [stage][row][lane]
   uint32_t diffusionRow;
   float loopGain[kStages][4];  // decay gain of each stage's loop, per group
@@ -66,9 +67,9 @@ struct ReverbNetwork {
   float scale;  // of the current layout; 0 before the first
   ReverbDecayTimes times;
 
-  // Carves the line rings (sized for scale 2) and diffuser buffers. `net` is
-  // null while only counting.
-  static void layOut(InstanceLayout& lay, uint32_t rate, ReverbNetwork* net);
+  // Carves the line rings and diffuser buffers; `net` is null while only
+  // counting.
+  static void layOut(InstanceLayout& lay, ReverbNetwork* net);
 
   // Every line and diffuser silent, filters at their targets.
   void clear();
