@@ -43,43 +43,69 @@ constexpr std::array<float, kLines> laneGains(const int* signs) {
 constexpr std::array<float, kLines> kGainLeft = laneGains(kSignLeft);
 constexpr std::array<float, kLines> kGainRight = laneGains(kSignRight);
 
+// Four lanes as one value. GCC and Clang map it onto vector registers; other
+// compilers get the scalar twin below with the same results.
+#if defined(__GNUC__)
+typedef float Quad __attribute__((vector_size(16)));
+inline Quad swapPairs(Quad q) {  // (b, a, d, c)
+#if defined(__clang__)
+  return __builtin_shufflevector(q, q, 1, 0, 3, 2);
+#else
+  typedef int Mask __attribute__((vector_size(16)));
+  return __builtin_shuffle(q, Mask{1, 0, 3, 2});
+#endif
+}
+inline Quad swapHalvesOf(Quad q) {  // (c, d, a, b)
+#if defined(__clang__)
+  return __builtin_shufflevector(q, q, 2, 3, 0, 1);
+#else
+  typedef int Mask __attribute__((vector_size(16)));
+  return __builtin_shuffle(q, Mask{2, 3, 0, 1});
+#endif
+}
+inline Quad broadcast(float x) { return Quad{x, x, x, x}; }
+#else
+struct Quad {
+  float v[4];
+  float operator[](int i) const { return v[i]; }
+  float& operator[](int i) { return v[i]; }
+};
+inline Quad operator+(Quad a, Quad b) { return {{a[0] + b[0], a[1] + b[1], a[2] + b[2], a[3] + b[3]}}; }
+inline Quad operator-(Quad a, Quad b) { return {{a[0] - b[0], a[1] - b[1], a[2] - b[2], a[3] - b[3]}}; }
+inline Quad operator*(Quad a, Quad b) { return {{a[0] * b[0], a[1] * b[1], a[2] * b[2], a[3] * b[3]}}; }
+inline Quad swapPairs(Quad q) { return {{q[1], q[0], q[3], q[2]}}; }
+inline Quad swapHalvesOf(Quad q) { return {{q[2], q[3], q[0], q[1]}}; }
+inline Quad broadcast(float x) { return {{x, x, x, x}}; }
+#endif
+
+#if defined(__GNUC__)
+inline Quad flushTiny(Quad y, Quad tiny) {
+  typedef int Mask __attribute__((vector_size(16)));
+  const Quad magnitude = y < 0 ? -y : y;
+  const Mask keep = magnitude >= tiny;  // all ones where |y| >= tiny
+  Mask bits;
+  std::memcpy(&bits, &y, sizeof bits);
+  bits &= keep;
+  std::memcpy(&y, &bits, sizeof y);
+  return y;
+}
+#else
+inline Quad flushTiny(Quad y, Quad tiny) {
+  for (int m = 0; m < 4; ++m) y[m] = std::fabs(y[m]) >= tiny[m] ? y[m] : 0.0f;
+  return y;
+}
+#endif
+
+inline Quad load(const float* p) {
+  Quad q;
+  std::memcpy(&q, p, sizeof q);
+  return q;
+}
+inline void store(float* p, Quad q) { std::memcpy(p, &q, sizeof q); }
+
 uint32_t lengthFor(int lane, float scale) {
   const double scaled = std::floor(static_cast<double>(kBase[swapHalves(lane)]) * scale);
   return static_cast<uint32_t>(nearestPrime(static_cast<int32_t>(scaled)));
-}
-
-// Unnormalised. Lanes 4q + m: first the butterflies across the four groups
-// (the same for every m, so they vectorise), then those inside each group.
-inline void hadamard16(float* v) {
-  for (int m = 0; m < 4; ++m) {
-    const float b0 = v[m] + v[4 + m];
-    const float b1 = v[m] - v[4 + m];
-    const float b2 = v[8 + m] + v[12 + m];
-    const float b3 = v[8 + m] - v[12 + m];
-    v[m] = b0 + b2;
-    v[4 + m] = b1 + b3;
-    v[8 + m] = b0 - b2;
-    v[12 + m] = b1 - b3;
-  }
-  for (int q = 0; q < 16; q += 4) {
-    const float b0 = v[q] + v[q + 1];
-    const float b1 = v[q] - v[q + 1];
-    const float b2 = v[q + 2] + v[q + 3];
-    const float b3 = v[q + 2] - v[q + 3];
-    v[q] = b0 + b2;
-    v[q + 1] = b1 + b3;
-    v[q + 2] = b0 - b2;
-    v[q + 3] = b1 - b3;
-  }
-}
-
-// Sum of x[j] * g[j] over 16 lanes, in four partial sums.
-inline float dot16(const float* x, const float* g) {
-  float acc[4];
-  for (int m = 0; m < 4; ++m) {
-    acc[m] = x[m] * g[m] + x[4 + m] * g[4 + m] + x[8 + m] * g[8 + m] + x[12 + m] * g[12 + m];
-  }
-  return (acc[0] + acc[1]) + (acc[2] + acc[3]);
 }
 
 }  // namespace
@@ -125,8 +151,6 @@ ReverbSection designReverbDecayFilter(uint32_t samples, double rate, const Rever
           static_cast<float>(m * b1l * b1h), static_cast<float>(al + ah),
           static_cast<float>(al * ah)};
 }
-
-void walshHadamard16(float* v) { hadamard16(v); }
 
 uint32_t ReverbNetwork::baseLength(int line) { return kBase[line]; }
 
@@ -196,88 +220,109 @@ uint32_t ReverbNetwork::lineLength(int line) const { return length[swapHalves(li
 
 void ReverbNetwork::process(const float* inL, const float* inR, float* outL, float* outR,
                             uint32_t n) {
-  // Working copies in locals, so the compiler knows nothing aliases them.
-  alignas(32) float c[5][kLines];
-  alignas(32) float sx1[kLines], sx2[kLines], sy1[kLines], sy2[kLines];
-  alignas(32) float gain[kStages][kLines];
-  std::memcpy(c, coef, sizeof c);
-  std::memcpy(sx1, x1, sizeof sx1);
-  std::memcpy(sx2, x2, sizeof sx2);
-  std::memcpy(sy1, y1, sizeof sy1);
-  std::memcpy(sy2, y2, sizeof sy2);
-  for (int st = 0; st < kStages; ++st) {
-    for (int lane = 0; lane < kLines; ++lane) gain[st][lane] = loopGain[st][lane >> 2];
+  // State in locals, four lanes per quad: group q holds lanes 4q .. 4q + 3.
+  Quad c[5][4], sx1[4], sx2[4], sy1[4], sy2[4], gain[kStages][4], gl[4], gr[4];
+  for (int q = 0; q < 4; ++q) {
+    for (int k = 0; k < 5; ++k) c[k][q] = load(coef[k] + 4 * q);
+    sx1[q] = load(x1 + 4 * q);
+    sx2[q] = load(x2 + 4 * q);
+    sy1[q] = load(y1 + 4 * q);
+    sy2[q] = load(y2 + 4 * q);
+    for (int st = 0; st < kStages; ++st) gain[st][q] = broadcast(loopGain[st][q]);
+    gl[q] = load(kGainLeft.data() + 4 * q);
+    gr[q] = load(kGainRight.data() + 4 * q);
   }
+  const Quad diffusionC = broadcast(kDiffusion);
+  const Quad diffusionRest = broadcast(kDiffusionRest);
+  const Quad quarter = broadcast(0.25f);
+  const Quad alternate = Quad{1.0f, -1.0f, 1.0f, -1.0f};
+  const Quad halves = Quad{1.0f, 1.0f, -1.0f, -1.0f};
+  const Quad tiny = broadcast(1e-15f);
   uint32_t row = diffusionRow;
   uint32_t t = clock;
 
   for (uint32_t i = 0; i < n; ++i) {
-    alignas(32) float s[kLines];
-    std::memcpy(s, sy1, sizeof s);
-    hadamard16(s);
-    const float l = inL[i];
-    const float r = inR[i];
-    for (int j = 0; j < kLines; ++j) s[j] = 0.25f * s[j] + l * kGainLeft[j] + r * kGainRight[j];
+    // Hadamard feedback: butterflies across the groups, then inside each.
+    Quad s[4];
+    {
+      const Quad b0 = sy1[0] + sy1[1], b1 = sy1[0] - sy1[1];
+      const Quad b2 = sy1[2] + sy1[3], b3 = sy1[2] - sy1[3];
+      s[0] = b0 + b2;
+      s[1] = b1 + b3;
+      s[2] = b0 - b2;
+      s[3] = b1 - b3;
+    }
+    const Quad l = broadcast(inL[i]);
+    const Quad r = broadcast(inR[i]);
+    for (int q = 0; q < 4; ++q) {
+      const Quad u = s[q] * alternate + swapPairs(s[q]);  // (a+b, a-b, c+d, c-d)
+      const Quad h = u * halves + swapHalvesOf(u);
+      s[q] = quarter * h + l * gl[q] + r * gr[q];
+    }
 
     // Three all-pass stages; each stage's loop carries its decay gain. The
     // four lanes of a group share their delays.
     for (int st = 0; st < kStages; ++st) {
       float* rows = diffusion + static_cast<size_t>(st) * kRows * kLines;
-      alignas(32) float delayed[kLines];
+      float* now = rows + row * kLines;
       for (int q = 0; q < 4; ++q) {
-        std::memcpy(delayed + 4 * q, rows + ((row - kStageDelay[q][st]) & kRowMask) * kLines + 4 * q,
-                    4 * sizeof(float));
+        const Quad d = gain[st][q] * load(rows + ((row - kStageDelay[q][st]) & kRowMask) * kLines + 4 * q);
+        store(now + 4 * q, s[q] + diffusionC * d);
+        s[q] = diffusionRest * d - diffusionC * s[q];
       }
-      alignas(32) float v[kLines];
-      for (int j = 0; j < kLines; ++j) {
-        const float d = gain[st][j] * delayed[j];
-        v[j] = s[j] + kDiffusion * d;
-        s[j] = kDiffusionRest * d - kDiffusion * s[j];
-      }
-      std::memcpy(rows + row * kLines, v, sizeof v);
     }
     row = (row + 1) & kRowMask;
 
     // Outputs are taken at the diffused line inputs.
-    outL[i] = dot16(s, kGainLeft.data());
-    outR[i] = dot16(s, kGainRight.data());
+    const Quad accL = (s[0] * gl[0] + s[1] * gl[1]) + (s[2] * gl[2] + s[3] * gl[3]);
+    const Quad accR = (s[0] * gr[0] + s[1] * gr[1]) + (s[2] * gr[2] + s[3] * gr[3]);
+    outL[i] = (accL[0] + accL[1]) + (accL[2] + accL[3]);
+    outR[i] = (accR[0] + accR[1]) + (accR[2] + accR[3]);
 
     // Every ring is written at the shared clock; line j reads length[j] behind.
-    alignas(32) float d[kLines];
+    alignas(16) float in[kLines], d[kLines];
+    for (int q = 0; q < 4; ++q) store(in + 4 * q, s[q]);
     const uint32_t now = t & kRingMask;
     for (int j = 0; j < kLines; ++j) {
       float* buffer = rings + static_cast<size_t>(j) * kRingSize;
       d[j] = buffer[(t - length[j]) & kRingMask];
-      buffer[now] = s[j];
+      buffer[now] = in[j];
     }
     ++t;
 
     if (rampLeft > 0) {
       for (int k = 0; k < 5; ++k) {
-        for (int j = 0; j < kLines; ++j) c[k][j] += step[k][j];
+        for (int q = 0; q < 4; ++q) c[k][q] = c[k][q] + load(step[k] + 4 * q);
       }
-      if (--rampLeft == 0) std::memcpy(c, target, sizeof c);
+      if (--rampLeft == 0) {
+        for (int k = 0; k < 5; ++k) {
+          for (int q = 0; q < 4; ++q) c[k][q] = load(target[k] + 4 * q);
+        }
+      }
     }
 
-    for (int j = 0; j < kLines; ++j) {
-      float y = c[0][j] * d[j] + c[1][j] * sx1[j] + c[2][j] * sx2[j] - c[3][j] * sy1[j] -
-                c[4][j] * sy2[j];
+    for (int q = 0; q < 4; ++q) {
+      const Quad x = load(d + 4 * q);
+      Quad y = c[0][q] * x + c[1][q] * sx1[q] + c[2][q] * sx2[q] - c[3][q] * sy1[q] -
+               c[4][q] * sy2[q];
       // Flushing the tiny tail keeps a silent network out of denormals.
-      y = std::fabs(y) < 1e-15f ? 0.0f : y;
-      sx2[j] = sx1[j];
-      sx1[j] = d[j];
-      sy2[j] = sy1[j];
-      sy1[j] = y;
+      y = flushTiny(y, tiny);
+      sx2[q] = sx1[q];
+      sx1[q] = x;
+      sy2[q] = sy1[q];
+      sy1[q] = y;
     }
   }
 
   diffusionRow = row;
   clock = t;
-  std::memcpy(coef, c, sizeof c);
-  std::memcpy(x1, sx1, sizeof sx1);
-  std::memcpy(x2, sx2, sizeof sx2);
-  std::memcpy(y1, sy1, sizeof sy1);
-  std::memcpy(y2, sy2, sizeof sy2);
+  for (int q = 0; q < 4; ++q) {
+    for (int k = 0; k < 5; ++k) store(coef[k] + 4 * q, c[k][q]);
+    store(x1 + 4 * q, sx1[q]);
+    store(x2 + 4 * q, sx2[q]);
+    store(y1 + 4 * q, sy1[q]);
+    store(y2 + 4 * q, sy2[q]);
+  }
 }
 
 }  // namespace qor

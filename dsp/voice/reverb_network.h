@@ -36,9 +36,6 @@ double reverbPlainDecayGain(double timeMs, double samples, double rate);
 // its own decay time.
 ReverbSection designReverbDecayFilter(uint32_t samples, double rate, const ReverbDecayTimes& t);
 
-// In-place 16-point Walsh-Hadamard transform (unnormalised, 64 additions).
-void walshHadamard16(float* v);
-
 struct ReverbNetwork {
   static constexpr int kLines = 16;
   static constexpr int kStages = 3;
