@@ -44,8 +44,8 @@ constexpr std::array<float, kLines> kGainLeft = laneGains(kSignLeft);
 constexpr std::array<float, kLines> kGainRight = laneGains(kSignRight);
 
 // Four lanes as one value. GCC and Clang map it onto vector registers; other
-// compilers get the scalar twin below with the same results.
-#if defined(__GNUC__)
+// compilers, and builds with QOR_SCALAR_QUAD, get the scalar twin below.
+#if defined(__GNUC__) && !defined(QOR_SCALAR_QUAD)
 typedef float Quad __attribute__((vector_size(16)));
 inline Quad swapPairs(Quad q) {  // (b, a, d, c)
 #if defined(__clang__)
@@ -78,7 +78,7 @@ inline Quad swapHalvesOf(Quad q) { return {{q[2], q[3], q[0], q[1]}}; }
 inline Quad broadcast(float x) { return {{x, x, x, x}}; }
 #endif
 
-#if defined(__GNUC__)
+#if defined(__GNUC__) && !defined(QOR_SCALAR_QUAD)
 inline Quad flushTiny(Quad y, Quad tiny) {
   typedef int Mask __attribute__((vector_size(16)));
   const Quad magnitude = y < 0 ? -y : y;
