@@ -152,8 +152,6 @@ ReverbSection designReverbDecayFilter(uint32_t samples, double rate, const Rever
           static_cast<float>(al * ah)};
 }
 
-uint32_t ReverbNetwork::baseLength(int line) { return kBase[line]; }
-
 uint32_t ReverbNetwork::baseLengthSum() {
   uint32_t sum = 0;
   for (uint32_t b : kBase) sum += b;

@@ -40,7 +40,7 @@ struct ReverbNetwork {
   static constexpr int kLines = 16;
   static constexpr int kStages = 3;
   static constexpr uint32_t kDiffusionRows = 64;  // ring of each diffuser stage
-  // Every line fits one power-of-two ring: the longest, at scale 2, is 7477.
+  // One power-of-two ring per line: lengths are table primes, at most 7919.
   static constexpr uint32_t kRingSize = 8192;
 
   // Lanes hold the lines in group-major order (lane 4q + m is line 4m + q), so
@@ -80,8 +80,7 @@ struct ReverbNetwork {
   // One block: inputs may alias outputs.
   void process(const float* inL, const float* inR, float* outL, float* outR, uint32_t n);
 
-  // Base line lengths (samples) and their sum.
-  static uint32_t baseLength(int line);
+  // Sum of the 16 base line lengths in samples (scale 1).
   static uint32_t baseLengthSum();
 };
 
