@@ -90,11 +90,11 @@ void ReverbReflections::retune(int32_t roomType, float roomSize, double rate, in
       float left = 0.0f, right = 0.0f;
       uint32_t delay = tap.delay;
       if (k < room.tapCount) {
-        const ReverbTapSpec& spec = room.taps[k];
-        left = swap ? spec.gainRight : spec.gainLeft;
-        right = swap ? spec.gainLeft : spec.gainRight;
-        tap.bus = spec.bus;
-        delay = toSamples(static_cast<double>(spec.timeMs) * roomSize * rate / 1000.0, maxDelay);
+        const ReverbTapEntry& entry = room.taps[k];
+        left = swap ? entry.gainRight : entry.gainLeft;
+        right = swap ? entry.gainLeft : entry.gainRight;
+        tap.bus = entry.bus;
+        delay = toSamples(static_cast<double>(entry.timeMs) * roomSize * rate / 1000.0, maxDelay);
       }
       tap.targetLeft = left;
       tap.targetRight = right;
