@@ -14,3 +14,4 @@
 #include "dsp/voice/ring_modulator.h"
 #include "dsp/voice/delay.h"
 #include "dsp/voice/flanger_phaser.h"
+#include "dsp/voice/reverb.h"
