@@ -27,7 +27,7 @@ inline float voiceAtan2(float y, float x) {
   const float ax = std::fabs(x), ay = std::fabs(y);
   const float hi = ax > ay ? ax : ay;
   const float lo = ax > ay ? ay : ax;
-  const float a = hi > 0.0f ? lo / hi : 0.0f;
+  const float a = lo / (hi + 1e-30f);  // no division branch: 0/0 reads as 0
   const float s = a * a;
   float r = -0.0117212f;
   r = r * s + 0.05265332f;
@@ -36,9 +36,13 @@ inline float voiceAtan2(float y, float x) {
   r = r * s - 0.33262347f;
   r = r * s + 0.99997726f;
   r *= a;
-  r = ay > ax ? 0.5f * pi - r : r;
-  r = x < 0.0f ? pi - r : r;
-  return y < 0.0f ? -r : r;
+  // Octant fix-ups as multiply-adds with selected constants and a sign copy:
+  // selects between constants are what the vectoriser accepts.
+  const bool steep = ay > ax;
+  r = (steep ? -1.0f : 1.0f) * r + (steep ? 0.5f * pi : 0.0f);
+  const bool left = x < 0.0f;
+  r = (left ? -1.0f : 1.0f) * r + (left ? pi : 0.0f);
+  return std::copysign(r, y);
 }
 
 // sin and cos of an angle of moderate size (|x| up to a few thousand turns).
