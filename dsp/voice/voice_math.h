@@ -27,7 +27,7 @@ inline float voiceAtan2(float y, float x) {
   const float ax = std::fabs(x), ay = std::fabs(y);
   const float hi = ax > ay ? ax : ay;
   const float lo = ax > ay ? ay : ax;
-  const float a = lo / (hi + 1e-30f);  // no division branch: 0/0 reads as 0
+  const float a = lo / (hi > 1.1754944e-38f ? hi : 1.1754944e-38f);  // 0/0 reads as 0
   const float s = a * a;
   float r = -0.0117212f;
   r = r * s + 0.05265332f;
