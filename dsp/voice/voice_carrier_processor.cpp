@@ -5,6 +5,7 @@
 
 #include "dsp/core/hann_window.h"
 #include "dsp/voice/voice_fft.h"
+#include "dsp/voice/voice_math.h"
 
 namespace qor {
 
@@ -149,9 +150,9 @@ void VoiceCarrierProcessor::reset() {
 void VoiceCarrierProcessor::envelopeOf(const float* sRe, const float* sIm, int32_t lifter,
                                        float* envelope) {
   const VoiceFft fft{fftSetup, fftScratch};
-  for (uint32_t n = 0; n < kBins; ++n) {
-    logMagnitude[n] = std::log(std::sqrt(sRe[n] * sRe[n] + sIm[n] * sIm[n]) + 0.000001f);
-  }
+  // Magnitudes first (square roots stay scalar), then the logarithms vectorised.
+  for (uint32_t n = 0; n < kBins; ++n) logMagnitude[n] = std::sqrt(sRe[n] * sRe[n] + sIm[n] * sIm[n]);
+  for (uint32_t n = 0; n < kBins; ++n) logMagnitude[n] = voiceLog(logMagnitude[n] + 0.000001f);
   // Real cepstrum of the log spectrum, kept one-sided up to the lifter with
   // element 0 halved: the real part of its transform is half the smoothed log
   // magnitude, so exp(2 (Ev - Ec)) is the ratio of the two envelopes.
@@ -193,7 +194,7 @@ void VoiceCarrierProcessor::processFrames(uint32_t channelCount) {
     envelopeOf(voiceRe, voiceIm, lifterB, voiceEnvelope);
 
     for (uint32_t n = 0; n < kBins; ++n) {
-      float g = std::exp(2.0f * (voiceEnvelope[n] - ec[n]));
+      float g = voiceExp(2.0f * (voiceEnvelope[n] - ec[n]));
       g = g < kGainFloor ? 0.0f : g;
       voiceRe[n] = g * sRe[n];
       voiceIm[n] = g * sIm[n];

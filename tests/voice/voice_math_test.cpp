@@ -56,5 +56,31 @@ TEST(VoiceMath, WrapFoldsByWholeTurns) {
   EXPECT_EQ(voiceRound(-3.7f), -4.0f);
 }
 
+TEST(VoiceMath, LogarithmMatchesTheLibraryOverTheWholeRange) {
+  double worst = 0.0;
+  for (double x = 1.2e-38; x < 3e38; x *= 1.00731) {
+    const float xf = static_cast<float>(x);
+    const double ref = std::log(static_cast<double>(xf));
+    worst = std::max(worst, std::fabs(voiceLog(xf) - ref) / std::max(1.0, std::fabs(ref)));
+  }
+  EXPECT_LT(worst, 3e-7);
+  EXPECT_EQ(voiceLog(1.0f), 0.0f);
+  EXPECT_NEAR(voiceLog(0.000001f), std::log(1e-6), 1e-5) << "the floor of silent bins";
+}
+
+TEST(VoiceMath, ExponentialMatchesTheLibraryAndSaturates) {
+  double worst = 0.0;
+  for (double x = -87.0; x <= 88.0; x += 0.00917) {
+    const float xf = static_cast<float>(x);
+    const double ref = std::exp(static_cast<double>(xf));
+    worst = std::max(worst, std::fabs(voiceExp(xf) - ref) / ref);
+  }
+  EXPECT_LT(worst, 5e-7);
+  EXPECT_EQ(voiceExp(0.0f), 1.0f);
+  EXPECT_LT(voiceExp(-1000.0f), 1e-37f);
+  EXPECT_GE(voiceExp(-1000.0f), 0.0f);
+  EXPECT_GT(voiceExp(1000.0f), 1e38f);
+}
+
 }  // namespace
 }  // namespace qor::test
