@@ -5,3 +5,4 @@
 #pragma once
 
 #include "dsp/core/metering.h"
+#include "dsp/noise/noise_reduction.h"
