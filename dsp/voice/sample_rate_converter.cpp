@@ -207,7 +207,6 @@ class BlockConverter {
  public:
   explicit BlockConverter(State& s)
       : s_(s),
-        ring0_(s.rings[0]),
         length_(static_cast<int32_t>(s.rings[0].length)),
         half_(static_cast<int32_t>(s.halfWidth)),
         taps_(static_cast<int32_t>(s.taps)),
@@ -339,7 +338,6 @@ class BlockConverter {
   }
 
   State& s_;
-  const Ring& ring0_;
   int32_t length_;
   int32_t half_;
   int32_t taps_;
