@@ -87,13 +87,18 @@ void BM_Libsamplerate(benchmark::State& state, Case c) {
   qor::bench::reportRealTimeFactor(state, c.inBlock, c.inRate);
 }
 
-// Keeps the CPU time per iteration of every run to print the ratios.
+// Keeps the CPU time per iteration of every run (the median when the runs
+// are repeated) to print the ratios.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration && run.iterations > 0) {
-        cpu_[run.benchmark_name()] = run.cpu_accumulated_time / static_cast<double>(run.iterations);
+      const std::string name = run.run_name.str();
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+        cpu_[name] = run.GetAdjustedCPUTime();
+        medians_ = true;
+      } else if (run.run_type == Run::RT_Iteration && !medians_) {
+        cpu_[name] = run.GetAdjustedCPUTime();
       }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -110,6 +115,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
  private:
   std::map<std::string, double> cpu_;
+  bool medians_ = false;
 };
 
 }  // namespace

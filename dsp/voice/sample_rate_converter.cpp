@@ -6,6 +6,15 @@
 
 #include "dsp/core/instance.h"
 
+// SSE2 is part of every x86-64 target; other targets take the scalar twins,
+// which compute the same operations in the same order.
+#if (defined(__SSE2__) || defined(_M_X64)) && !defined(QOR_SCALAR_ONLY)
+#define QOR_SRC_SSE2 1
+#include <emmintrin.h>
+#else
+#define QOR_SRC_SSE2 0
+#endif
+
 namespace QorSampleRateConverter_API_V1 {
 
 namespace {
@@ -168,8 +177,10 @@ void buildKernel(State& s) {
     s.table[i] = static_cast<float>(std::sin(static_cast<double>(u)) / static_cast<double>(u) *
                                     static_cast<double>(s.window[i]));
   }
-  for (uint32_t i = 0; i + 1 < t; ++i) s.delta[i] = s.table[i + 1] - s.table[i];
-  s.delta[t - 1] = -s.table[t - 1];
+  // T is odd, so the table's 32-byte region has room for a zero after the
+  // last entry; the last delta is then also a neighbour difference.
+  s.table[t] = 0.0f;
+  for (uint32_t i = 0; i < t; ++i) s.delta[i] = s.table[i + 1] - s.table[i];
 }
 
 inline void push(Ring& ring, float& accumulator, float sample) {
@@ -228,18 +239,18 @@ class BlockConverter {
     const uint32_t outCount = s_.header.outputBlockSize;
     uint32_t i = 0, o = 0;
     for (;;) {
+      // Produce while the ring holds enough; the need is recomputed after the
+      // last output too, so it is current when feeding.
       int32_t need = position();
-      while (need == 0) {
+      while (need == 0 && o < outCount) {
         weigh();
         for (uint32_t c = 0; c < s_.header.inputChannels; ++c) {
           out[c][o] = gain_ * convolve(s_.rings[c].data);
         }
         o += 1;
         accumulator_ -= outputPeriod_;
-        if (o == outCount) break;
         need = position();
       }
-      need = position();
       if (need < 0) break;
       const uint32_t n = std::min(static_cast<uint32_t>(need), inCount - i);
       push(in, i, n);
@@ -258,8 +269,11 @@ class BlockConverter {
   // The output instant lies t input periods behind the newest input.
   int32_t position() {
     const float t = accumulator_ / period_;
-    const float whole = std::floor(t);
-    const int32_t n = static_cast<int32_t>(whole);
+    // floor without the library call (baseline x86-64 has no round
+    // instruction): truncate, then step down for negative fractions.
+    int32_t n = static_cast<int32_t>(t);
+    n -= t < static_cast<float>(n) ? 1 : 0;
+    const float whole = static_cast<float>(n);
     if (n < half_) return half_ - n;
     // Beyond the ring: never reached while the ring holds 8H samples.
     if (n + half_ >= length_) return std::min(length_ - n - half_, -1);
@@ -271,70 +285,98 @@ class BlockConverter {
   // Tap k (k = 0..2H, k = 0 the newest) sits (k - H - frac) input periods
   // from the output instant. The taps are kept oldest first so the ring is
   // read forwards: slot m holds tap 2H - m. Each weight is the table read
-  // with linear interpolation. Indices and fractions are worked out a chunk
-  // at a time in a loop that vectorises (float min, as baseline x86-64 has
-  // no integer one); only the table reads are scalar, as there is no gather.
-  // Positions at or past the table's end read the last entry with fraction
-  // 1, which is exactly 0 because the last delta is minus the last entry.
+  // with linear interpolation, the delta being the difference to the next
+  // entry (one 8-byte read). Positions at or past the table's end read the
+  // last entry with fraction 1, which is exactly 0 because the entry after
+  // the last is 0.
   void weigh() {
-    constexpr int32_t kChunk = 64;
-    int32_t index[kChunk];
-    float fraction[kChunk];
     float* w = weights_;
     const float frac = frac_, period = period_, rate = kernelRate_, np = perZeroCrossing_;
     const float end = static_cast<float>(s_.tableLength), last = end - 1.0f;
     const float* table = s_.table;
-    const float* delta = s_.delta;
-    for (int32_t m0 = 0; m0 < taps_; m0 += kChunk) {
-      const int32_t count = std::min(kChunk, taps_ - m0);
-      const int32_t top = half_ - m0;
-      for (int32_t q = 0; q < count; ++q) {
-        const float offset = (static_cast<float>(top - q) - frac) * period;
-        const float x = std::min(std::fabs(rate * offset) * np, end);
-        const int32_t j = static_cast<int32_t>(std::min(x, last));
-        index[q] = j;
-        fraction[q] = x - static_cast<float>(j);
-      }
-      for (int32_t q = 0; q < count; ++q) {
-        w[m0 + q] = table[index[q]] + fraction[q] * delta[index[q]];
-      }
+    int32_t m = 0;
+#if QOR_SRC_SSE2
+    const __m128 vFrac = _mm_set1_ps(frac), vPeriod = _mm_set1_ps(period), vRate = _mm_set1_ps(rate);
+    const __m128 vNp = _mm_set1_ps(np), vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
+    const __m128 vAbs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    __m128i vTop = _mm_set_epi32(half_ - 3, half_ - 2, half_ - 1, half_);
+    alignas(16) int32_t idx[4];
+    for (; m + 4 <= taps_; m += 4) {
+      const __m128 offset = _mm_mul_ps(_mm_sub_ps(_mm_cvtepi32_ps(vTop), vFrac), vPeriod);
+      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_mul_ps(vRate, offset), vAbs), vNp), vEnd);
+      const __m128i vj = _mm_cvttps_epi32(_mm_min_ps(x, vLast));
+      const __m128 f = _mm_sub_ps(x, _mm_cvtepi32_ps(vj));
+      _mm_store_si128(reinterpret_cast<__m128i*>(idx), vj);
+      __m128 p01 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + idx[0]));
+      p01 = _mm_loadh_pi(p01, reinterpret_cast<const __m64*>(table + idx[1]));
+      __m128 p23 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + idx[2]));
+      p23 = _mm_loadh_pi(p23, reinterpret_cast<const __m64*>(table + idx[3]));
+      const __m128 a = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
+      const __m128 b = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
+      _mm_storeu_ps(w + m, _mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a))));
+      vTop = _mm_sub_epi32(vTop, _mm_set1_epi32(4));
+    }
+#endif
+    for (; m < taps_; ++m) {
+      const float offset = (static_cast<float>(half_ - m) - frac) * period;
+      const float x = std::min(std::fabs(rate * offset) * np, end);
+      const auto j = static_cast<int32_t>(std::min(x, last));
+      const float f = x - static_cast<float>(j);
+      w[m] = table[j] + f * (table[j + 1] - table[j]);
     }
   }
 
   // The weighted sum over the 2H + 1 ring samples ending (n - H) behind the
-  // newest, in eight lanes so it vectorises; the ring wraps at most once.
+  // newest; the ring wraps at most once.
   float convolve(const float* ring) const {
     int32_t start = writePosition_ - newest_ - half_;
     if (start < 0) start += length_;
     const int32_t first = std::min(length_ - start, taps_);
-    float lane[8] = {};
-    accumulate(ring + start, weights_, first, lane);
-    accumulate(ring, weights_ + first, taps_ - first, lane);
-    return ((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7]));
+    if (first == taps_) return dot(ring + start, weights_, taps_);
+    return dot(ring + start, weights_, first) + dot(ring, weights_ + first, taps_ - first);
   }
 
-  static void accumulate(const float* x, const float* w, int32_t n, float* lane) {
+  // Eight partial sums over blocks of eight, a block of four into the first
+  // four, then the rest one by one.
+  static float dot(const float* x, const float* w, int32_t n) {
     int32_t k = 0;
+#if QOR_SRC_SSE2
+    __m128 low = _mm_setzero_ps(), high = _mm_setzero_ps();
+    for (; k + 8 <= n; k += 8) {
+      low = _mm_add_ps(low, _mm_mul_ps(_mm_loadu_ps(w + k), _mm_loadu_ps(x + k)));
+      high = _mm_add_ps(high, _mm_mul_ps(_mm_loadu_ps(w + k + 4), _mm_loadu_ps(x + k + 4)));
+    }
+    if (k + 4 <= n) {
+      low = _mm_add_ps(low, _mm_mul_ps(_mm_loadu_ps(w + k), _mm_loadu_ps(x + k)));
+      k += 4;
+    }
+    alignas(16) float lane[4];
+    _mm_store_ps(lane, _mm_add_ps(low, high));
+    float sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
+#else
+    float lane[8] = {};
     for (; k + 8 <= n; k += 8) {
       for (int32_t l = 0; l < 8; ++l) lane[l] += w[k + l] * x[k + l];
     }
-    for (int32_t l = 0; k < n; ++k, ++l) lane[l] += w[k] * x[k];
+    if (k + 4 <= n) {
+      for (int32_t l = 0; l < 4; ++l) lane[l] += w[k + l] * x[k + l];
+      k += 4;
+    }
+    float sum = ((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7]));
+#endif
+    for (; k < n; ++k) sum += w[k] * x[k];
+    return sum;
   }
 
-  // Appends n samples of every channel from input index i; the accumulator
-  // grows by one input period per sample.
+  // Appends n samples of every channel from input index i (usually one or
+  // two); the accumulator grows by one input period per sample.
   void push(float* const* in, uint32_t i, uint32_t n) {
-    if (n == 0) return;
-    const auto count = static_cast<int32_t>(n);
-    const int32_t first = std::min(length_ - writePosition_, count);
-    for (uint32_t c = 0; c < s_.header.inputChannels; ++c) {
-      float* ring = s_.rings[c].data;
-      std::memcpy(ring + writePosition_, in[c] + i, sizeof(float) * static_cast<size_t>(first));
-      std::memcpy(ring, in[c] + i + first, sizeof(float) * static_cast<size_t>(count - first));
+    const uint32_t channels = s_.header.inputChannels;
+    for (uint32_t k = i; k < i + n; ++k) {
+      for (uint32_t c = 0; c < channels; ++c) s_.rings[c].data[writePosition_] = in[c][k];
+      accumulator_ += period_;
+      writePosition_ = writePosition_ + 1 == length_ ? 0 : writePosition_ + 1;
     }
-    for (int32_t k = 0; k < count; ++k) accumulator_ += period_;
-    writePosition_ += count;
-    if (writePosition_ >= length_) writePosition_ -= length_;
   }
 
   State& s_;
