@@ -43,6 +43,9 @@ struct State {
   float* table;
   float* delta;
   float* accumulators;
+  // Per-channel tap regions. The taps are read from the ring in place and
+  // the weights are shared by all channels, so only the first channel's
+  // slice of tapOffsets is used, for the current output's weights.
   float* tapSamples;
   float* tapOffsets;
   Ring* rings;

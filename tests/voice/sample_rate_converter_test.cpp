@@ -508,7 +508,7 @@ TEST(SampleRateConverterCalls, ArgumentAlignmentAndMarkerChecks) {
   EXPECT_EQ(qorSampleRateConverterInit(nullptr, &config), R::ErrorNullPointer);
   EXPECT_EQ(qorSampleRateConverterInit(inst, nullptr), R::ErrorNullPointer);
   EXPECT_EQ(qorSampleRateConverterInit(shifted, &config), R::ErrorMisaligned);
-  EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), &n), R::ErrorNotInitialised);
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), &n), R::ErrorNotInitialised));
   EXPECT_EQ(qorSampleRateConverterFlush(inst), R::ErrorNotInitialised);
   EXPECT_EQ(qorSampleRateConverterRelease(inst), R::ErrorNotInitialised);
 
@@ -525,19 +525,19 @@ TEST(SampleRateConverterCalls, ArgumentAlignmentAndMarkerChecks) {
   ASSERT_EQ(qorSampleRateConverterGetCurrentLatency(inst, &latency), R::Success);
   EXPECT_EQ(latency, 25);  // 2 Nz + 1 when down-sampling
 
-  EXPECT_EQ(qorSampleRateConverterProcess(inst, nullptr, out.data(), &n), R::ErrorNullPointer);
-  EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), nullptr), R::ErrorNullPointer);
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(inst, nullptr, out.data(), &n), R::ErrorNullPointer));
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), nullptr), R::ErrorNullPointer));
   // A 16-byte-aligned output channel is refused and nothing is written.
   out.fill(-3.0f);
   float* misaligned[2] = {out[0], out[1] + 4};
   in.fill(0.5f);
-  EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), misaligned, &n), R::ErrorMisaligned);
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), misaligned, &n), R::ErrorMisaligned));
   EXPECT_EQ(n, 7u);
   EXPECT_EQ(out[0][0], -3.0f);
-  EXPECT_EQ(qorSampleRateConverterProcess(shifted, in.data(), out.data(), &n), R::ErrorMisaligned);
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(shifted, in.data(), out.data(), &n), R::ErrorMisaligned));
 
   ASSERT_EQ(qorSampleRateConverterRelease(inst), R::Success);
-  EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), &n), R::ErrorNotInitialised);
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), &n), R::ErrorNotInitialised));
   EXPECT_EQ(qorSampleRateConverterGetParameters(inst, &got), R::ErrorNotInitialised);
   ASSERT_EQ(qorSampleRateConverterInit(inst, &config), R::Success);
   EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(inst, in.data(), out.data(), &n), R::Success));
