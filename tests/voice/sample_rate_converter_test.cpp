@@ -228,7 +228,8 @@ TEST_P(ChainRates, SineKeepsFrequencyAndAmplitude) {
   data.output_frames = static_cast<long>(theirs.size());
   data.src_ratio = static_cast<double>(p.outRate) / p.inRate;
   ASSERT_EQ(src_simple(&data, SRC_SINC_FASTEST, 1), 0);
-  theirs.resize(static_cast<size_t>(data.output_frames_gen));
+  // Leave out the end, where it flushes its filter at the end of input.
+  theirs.resize(static_cast<size_t>(data.output_frames_gen) - 8192);
   const SineReport ref = measureSine(theirs, f, p.outRate, from);
   std::printf("[ SNR 1 kHz ] %u->%u: ours %.1f dB (frequency %+.2g), libsamplerate SRC_SINC_FASTEST %.1f dB\n",
               p.inRate, p.outRate, ours.worstSnrDb, ours.frequencyError, ref.worstSnrDb);
