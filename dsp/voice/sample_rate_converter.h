@@ -63,7 +63,13 @@ QorSampleRateConverterResult qorSampleRateConverterProcess(QorSampleRateConverte
 QorSampleRateConverterResult qorSampleRateConverterFlush(QorSampleRateConverterInst* inst);
 QorSampleRateConverterResult qorSampleRateConverterGetParameters(
     QorSampleRateConverterInst* inst, QorSampleRateConverterParameters* parameters);
-// Delay in output samples.
+// Delay in output samples as reported to the chain: 2 Nz + 1 when
+// down-sampling, trunc(2 x outputRate / inputRate x Nz + 2) when up-sampling.
+// It is the delay of the first block after Init or Flush. That block is
+// filled from the zeros the converter starts with, so it cannot take all of
+// its input; the input it leaves out shortens the delay from then on to
+// between (H - 1) and (H + 1) x outputRate / inputRate, H being the kernel's
+// half width in input samples (about 12 instead of 23 from 44.1 to 48 kHz).
 QorSampleRateConverterResult qorSampleRateConverterGetCurrentLatency(QorSampleRateConverterInst* inst,
                                                                      int32_t* latency);
 QorSampleRateConverterResult qorSampleRateConverterRelease(QorSampleRateConverterInst* inst);
