@@ -15,3 +15,4 @@
 #include "dsp/voice/delay.h"
 #include "dsp/voice/flanger_phaser.h"
 #include "dsp/voice/reverb.h"
+#include "dsp/voice/sample_rate_converter.h"

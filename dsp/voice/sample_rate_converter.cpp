@@ -1,0 +1,555 @@
+#include "dsp/voice/sample_rate_converter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "dsp/core/instance.h"
+
+// SSE2 is part of every x86-64 target; other targets take the scalar twins,
+// which compute the same operations in the same order.
+#if (defined(__SSE2__) || defined(_M_X64)) && !defined(QOR_SCALAR_ONLY)
+#define QOR_SRC_SSE2 1
+#include <emmintrin.h>
+#else
+#define QOR_SRC_SSE2 0
+#endif
+
+namespace QorSampleRateConverter_API_V1 {
+
+namespace {
+
+using Result = QorSampleRateConverterResult;
+
+constexpr uint32_t kMinRate = 1000, kMaxRate = 192000;
+constexpr uint32_t kMinBlock = 32, kMaxBlock = 4096;
+constexpr size_t kHeaderBytes = 192;
+// Drift is judged over this many calls.
+constexpr int32_t kDriftCalls = 200;
+
+struct Ring {
+  float* data;
+  float samplePeriod;  // seconds per input sample
+  uint32_t length;     // 8H
+  uint32_t writePosition;
+};
+static_assert(sizeof(Ring) == 24);
+
+struct State {
+  qor::ConfigHeader header;
+  QorSampleRateConverterParameters parameters;
+  uint64_t marker;
+  float* window;
+  float* table;
+  float* delta;
+  float* accumulators;
+  // Per-channel tap regions. The taps are read from the ring in place and
+  // the weights are shared by all channels, so only the first channel's
+  // slice of tapOffsets is used, for the current output's weights.
+  float* tapSamples;
+  float* tapOffsets;
+  Ring* rings;
+  uint32_t tableLength;  // T, always odd
+  float ratio;           // outputRate / inputRate
+  uint32_t halfWidth;    // H
+  uint32_t taps;         // 2H + 1
+  // Drift correction.
+  int32_t calls;
+  int32_t inputTotal;
+  int32_t outputTotal;
+  int32_t correction;
+  double carry;
+};
+static_assert(sizeof(State) <= kHeaderBytes);
+
+Result result(int32_t code) { return static_cast<Result>(code); }
+
+bool rateOutside(uint32_t rate) { return rate < kMinRate || rate > kMaxRate; }
+bool blockOutside(uint32_t block) { return block < kMinBlock || block > kMaxBlock; }
+
+uint32_t outputBlockFor(uint32_t inRate, uint32_t inBlock, uint32_t outRate) {
+  const float product = static_cast<float>(outRate) / static_cast<float>(inRate) * static_cast<float>(inBlock);
+  return static_cast<uint32_t>(std::ceil(static_cast<double>(product)));
+}
+
+int32_t validate(const QorSampleRateConverterConfig& c) {
+  if (rateOutside(c.inputSampleRate) || rateOutside(c.outputSampleRate)) return qor::ErrorSampleRate;
+  if (blockOutside(c.inputBlockSize) || blockOutside(c.outputBlockSize)) return qor::ErrorBlockSize;
+  if (c.outputBlockSize != outputBlockFor(c.inputSampleRate, c.inputBlockSize, c.outputSampleRate)) {
+    return static_cast<int32_t>(Result::ErrorOutputBlockSize);
+  }
+  if (c.inputChannels == 0) return qor::ErrorInputChannels;
+  if (c.outputChannels != c.inputChannels) return qor::ErrorOutputChannels;
+  const QorSampleRateConverterParameters& p = c.parameters;
+  if (p.numZeroCrossings < 2 || p.numZeroCrossings > 100) {
+    return static_cast<int32_t>(Result::ErrorNumZeroCrossings);
+  }
+  if (p.samplesPerZeroCrossing < 32 || p.samplesPerZeroCrossing > 2048) {
+    return static_cast<int32_t>(Result::ErrorSamplesPerZeroCrossing);
+  }
+  if (qor::outOfRange(p.kaiserBeta, 1.0f, 25.0f)) return static_cast<int32_t>(Result::ErrorKaiserBeta);
+  return qor::Success;
+}
+
+struct Shape {
+  uint32_t tableLength;
+  uint32_t halfWidth;
+};
+
+Shape shapeOf(const QorSampleRateConverterConfig& c) {
+  const uint32_t nz = c.parameters.numZeroCrossings;
+  uint32_t t = nz * c.parameters.samplesPerZeroCrossing;
+  if (t % 2 == 0) t += 1;
+  uint32_t h = 0;
+  if (c.inputSampleRate < c.outputSampleRate) {
+    h = nz;
+  } else if (c.inputSampleRate > c.outputSampleRate) {
+    // The kernel stretches by the rate ratio so its cut-off follows the output rate.
+    const float span = static_cast<float>(c.inputSampleRate) * static_cast<float>(nz) /
+                       static_cast<float>(c.outputSampleRate);
+    h = static_cast<uint32_t>(std::ceil(span));
+  }
+  return {t, h};
+}
+
+size_t layOut(void* base, const QorSampleRateConverterConfig& config, State** out) {
+  const Shape shape = shapeOf(config);
+  const size_t channels = config.inputChannels;
+  const size_t taps = 2 * static_cast<size_t>(shape.halfWidth) + 1;
+  const size_t ringLength = 8 * static_cast<size_t>(shape.halfWidth);
+
+  qor::InstanceLayout lay(base);
+  auto* s = static_cast<State*>(lay.takeBytes(kHeaderBytes));
+  float* window = lay.take<float>(shape.tableLength);
+  float* table = lay.take<float>(shape.tableLength);
+  float* delta = lay.take<float>(shape.tableLength);
+  float* accumulators = lay.take<float>(channels);
+  float* tapSamples = lay.take<float>(channels * taps);
+  float* tapOffsets = lay.take<float>(channels * taps);
+  Ring* rings = lay.take<Ring>(channels);
+  for (size_t c = 0; c < channels; ++c) {
+    float* storage = lay.take<float>(ringLength);
+    if (rings != nullptr) rings[c].data = storage;
+  }
+  if (s != nullptr) {
+    s->window = window;
+    s->table = table;
+    s->delta = delta;
+    s->accumulators = accumulators;
+    s->tapSamples = tapSamples;
+    s->tapOffsets = tapOffsets;
+    s->rings = rings;
+    s->tableLength = shape.tableLength;
+    s->halfWidth = shape.halfWidth;
+    s->taps = static_cast<uint32_t>(taps);
+    *out = s;
+  }
+  return lay.size();
+}
+
+// Zeroth-order modified Bessel function of the first kind, by the classic
+// polynomial fits (accurate to about 2e-7 relative).
+double besselI0(double x) {
+  const double ax = std::fabs(x);
+  if (ax < 3.75) {
+    const double y = (x / 3.75) * (x / 3.75);
+    return 1.0 + y * (3.5156229 + y * (3.0899424 + y * (1.2067492 + y * (0.2659732 +
+           y * (0.0360768 + y * 0.0045813)))));
+  }
+  const double y = 3.75 / ax;
+  return (std::exp(ax) / std::sqrt(ax)) *
+         (0.39894228 + y * (0.01328592 + y * (0.00225319 + y * (-0.00157565 + y * (0.00916281 +
+          y * (-0.02057706 + y * (0.02635537 + y * (-0.01647633 + y * 0.00392377))))))));
+}
+
+void buildKernel(State& s) {
+  const uint32_t t = s.tableLength;
+  const double beta = s.parameters.kaiserBeta;
+  const double norm = besselI0(beta);
+  for (uint32_t i = 0; i < t; ++i) {
+    // Right half of a window of 2T - 1 points: x runs from 0 at the centre to 1.
+    const double n = static_cast<double>(i) + static_cast<double>(t) - 1.0;
+    const double x = t > 1 ? 2.0 * n / (2.0 * static_cast<double>(t) - 2.0) - 1.0 : 0.0;
+    const double arg = std::max(0.0, 1.0 - x * x);
+    s.window[i] = static_cast<float>(besselI0(beta * std::sqrt(arg)) / norm);
+  }
+  const float step = 3.1415927f / static_cast<float>(s.parameters.samplesPerZeroCrossing);
+  s.table[0] = 1.0f;
+  for (uint32_t i = 1; i < t; ++i) {
+    const float u = static_cast<float>(i) * step;
+    s.table[i] = static_cast<float>(std::sin(static_cast<double>(u)) / static_cast<double>(u) *
+                                    static_cast<double>(s.window[i]));
+  }
+  // T is odd, so the table's 32-byte region has room for a zero after the
+  // last entry; the last delta is then also a neighbour difference.
+  s.table[t] = 0.0f;
+  for (uint32_t i = 0; i < t; ++i) s.delta[i] = s.table[i + 1] - s.table[i];
+}
+
+inline void push(Ring& ring, float& accumulator, float sample) {
+  ring.data[ring.writePosition] = sample;
+  accumulator += ring.samplePeriod;
+  ring.writePosition = ring.writePosition + 1 == ring.length ? 0 : ring.writePosition + 1;
+}
+
+// Puts every channel into the just-initialised audio state: an empty ring
+// primed with 2H + 1 zeros, so the first output can be computed at once.
+void resetChannels(State& s) {
+  const uint32_t channels = s.header.inputChannels;
+  const float period = 1.0f / static_cast<float>(s.header.inputSampleRate);
+  const uint32_t ringLength = 8 * s.halfWidth;
+  std::memset(s.tapSamples, 0, sizeof(float) * channels * s.taps);
+  std::memset(s.tapOffsets, 0, sizeof(float) * channels * s.taps);
+  for (uint32_t c = 0; c < channels; ++c) {
+    Ring& ring = s.rings[c];
+    if (ringLength > 0) std::memset(ring.data, 0, sizeof(float) * ringLength);
+    ring.length = ringLength;
+    ring.samplePeriod = period;
+    ring.writePosition = 0;
+    s.accumulators[c] = 0.0f;
+    // Equal rates keep no ring.
+    if (ringLength == 0) continue;
+    for (uint32_t k = 0; k < s.taps; ++k) push(ring, s.accumulators[c], 0.0f);
+  }
+}
+
+// Converts one block of every channel. All channels see the same sequence
+// of pushes and outputs, so their accumulators and write positions stay
+// equal; the positions and tap weights are worked out once per output and
+// applied to every channel.
+class BlockConverter {
+ public:
+  explicit BlockConverter(State& s)
+      : s_(s),
+        length_(static_cast<int32_t>(s.rings[0].length)),
+        half_(static_cast<int32_t>(s.halfWidth)),
+        taps_(static_cast<int32_t>(s.taps)),
+        period_(s.rings[0].samplePeriod),
+        outputPeriod_(1.0f / static_cast<float>(s.header.outputSampleRate)),
+        // Up-sampling measures the kernel in input samples; down-sampling in
+        // output samples, which stretches it to the lower cut-off.
+        kernelRate_(static_cast<float>(s.header.outputSampleRate > s.header.inputSampleRate
+                                           ? s.header.inputSampleRate
+                                           : s.header.outputSampleRate)),
+        perZeroCrossing_(static_cast<float>(s.parameters.samplesPerZeroCrossing)),
+        gain_(s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio),
+        weights_(s.tapOffsets),
+        accumulator_(s.accumulators[0]),
+        writePosition_(static_cast<int32_t>(s.rings[0].writePosition)) {}
+
+  uint32_t run(float* const* in, float* const* out) {
+    const uint32_t inCount = s_.header.inputBlockSize;
+    const uint32_t outCount = s_.header.outputBlockSize;
+    uint32_t i = 0, o = 0;
+    for (;;) {
+      // Produce while the ring holds enough; the need is recomputed after the
+      // last output too, so it is current when feeding.
+      int32_t need = position();
+      while (need == 0 && o < outCount) {
+        weigh();
+        for (uint32_t c = 0; c < s_.header.inputChannels; ++c) {
+          out[c][o] = gain_ * convolve(s_.rings[c].data);
+        }
+        o += 1;
+        accumulator_ -= outputPeriod_;
+        need = position();
+      }
+      if (need < 0) break;
+      const uint32_t n = std::min(static_cast<uint32_t>(need), inCount - i);
+      push(in, i, n);
+      i += n;
+      if (o == outCount || i == inCount) break;
+    }
+    for (uint32_t c = 0; c < s_.header.inputChannels; ++c) {
+      s_.accumulators[c] = accumulator_;
+      s_.rings[c].writePosition = static_cast<uint32_t>(writePosition_);
+    }
+    return o;
+  }
+
+ private:
+  // How many more input samples the next output needs (0: it can be made).
+  // The output instant lies t input periods behind the newest input.
+  int32_t position() {
+    const float t = accumulator_ / period_;
+    // floor without the library call (baseline x86-64 has no round
+    // instruction): truncate, then step down for negative fractions.
+    int32_t n = static_cast<int32_t>(t);
+    n -= t < static_cast<float>(n) ? 1 : 0;
+    const float whole = static_cast<float>(n);
+    if (n < half_) return half_ - n;
+    // Beyond the ring: never reached while the ring holds 8H samples.
+    if (n + half_ >= length_) return std::min(length_ - n - half_, -1);
+    newest_ = n;
+    frac_ = t - whole;
+    return 0;
+  }
+
+  // Tap k (k = 0..2H, k = 0 the newest) sits (k - H - frac) input periods
+  // from the output instant. The taps are kept oldest first so the ring is
+  // read forwards: slot m holds tap 2H - m. Each weight is the table read
+  // with linear interpolation, the delta being the difference to the next
+  // entry (one 8-byte read). Positions at or past the table's end read the
+  // last entry with fraction 1, which is exactly 0 because the entry after
+  // the last is 0.
+  void weigh() {
+    float* w = weights_;
+    const float frac = frac_, period = period_, rate = kernelRate_, np = perZeroCrossing_;
+    const float end = static_cast<float>(s_.tableLength), last = end - 1.0f;
+    const float* table = s_.table;
+    int32_t m = 0;
+#if QOR_SRC_SSE2
+    const __m128 vFrac = _mm_set1_ps(frac), vPeriod = _mm_set1_ps(period), vRate = _mm_set1_ps(rate);
+    const __m128 vNp = _mm_set1_ps(np), vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
+    const __m128 vAbs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    __m128i vTop = _mm_set_epi32(half_ - 3, half_ - 2, half_ - 1, half_);
+    alignas(16) int32_t idx[4];
+    for (; m + 4 <= taps_; m += 4) {
+      const __m128 offset = _mm_mul_ps(_mm_sub_ps(_mm_cvtepi32_ps(vTop), vFrac), vPeriod);
+      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_mul_ps(vRate, offset), vAbs), vNp), vEnd);
+      const __m128i vj = _mm_cvttps_epi32(_mm_min_ps(x, vLast));
+      const __m128 f = _mm_sub_ps(x, _mm_cvtepi32_ps(vj));
+      _mm_store_si128(reinterpret_cast<__m128i*>(idx), vj);
+      __m128 p01 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + idx[0]));
+      p01 = _mm_loadh_pi(p01, reinterpret_cast<const __m64*>(table + idx[1]));
+      __m128 p23 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + idx[2]));
+      p23 = _mm_loadh_pi(p23, reinterpret_cast<const __m64*>(table + idx[3]));
+      const __m128 a = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
+      const __m128 b = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
+      _mm_storeu_ps(w + m, _mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a))));
+      vTop = _mm_sub_epi32(vTop, _mm_set1_epi32(4));
+    }
+#endif
+    for (; m < taps_; ++m) {
+      const float offset = (static_cast<float>(half_ - m) - frac) * period;
+      const float x = std::min(std::fabs(rate * offset) * np, end);
+      const auto j = static_cast<int32_t>(std::min(x, last));
+      const float f = x - static_cast<float>(j);
+      w[m] = table[j] + f * (table[j + 1] - table[j]);
+    }
+  }
+
+  // The weighted sum over the 2H + 1 ring samples ending (n - H) behind the
+  // newest; the ring wraps at most once.
+  float convolve(const float* ring) const {
+    int32_t start = writePosition_ - newest_ - half_;
+    if (start < 0) start += length_;
+    const int32_t first = std::min(length_ - start, taps_);
+    if (first == taps_) return dot(ring + start, weights_, taps_);
+    return dot(ring + start, weights_, first) + dot(ring, weights_ + first, taps_ - first);
+  }
+
+  // Eight partial sums over blocks of eight, a block of four into the first
+  // four, then the rest one by one.
+  static float dot(const float* x, const float* w, int32_t n) {
+    int32_t k = 0;
+#if QOR_SRC_SSE2
+    __m128 low = _mm_setzero_ps(), high = _mm_setzero_ps();
+    for (; k + 8 <= n; k += 8) {
+      low = _mm_add_ps(low, _mm_mul_ps(_mm_loadu_ps(w + k), _mm_loadu_ps(x + k)));
+      high = _mm_add_ps(high, _mm_mul_ps(_mm_loadu_ps(w + k + 4), _mm_loadu_ps(x + k + 4)));
+    }
+    if (k + 4 <= n) {
+      low = _mm_add_ps(low, _mm_mul_ps(_mm_loadu_ps(w + k), _mm_loadu_ps(x + k)));
+      k += 4;
+    }
+    alignas(16) float lane[4];
+    _mm_store_ps(lane, _mm_add_ps(low, high));
+    float sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
+#else
+    float lane[8] = {};
+    for (; k + 8 <= n; k += 8) {
+      for (int32_t l = 0; l < 8; ++l) lane[l] += w[k + l] * x[k + l];
+    }
+    if (k + 4 <= n) {
+      for (int32_t l = 0; l < 4; ++l) lane[l] += w[k + l] * x[k + l];
+      k += 4;
+    }
+    float sum = ((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7]));
+#endif
+    for (; k < n; ++k) sum += w[k] * x[k];
+    return sum;
+  }
+
+  // Appends n samples of every channel from input index i (usually one or
+  // two); the accumulator grows by one input period per sample.
+  void push(float* const* in, uint32_t i, uint32_t n) {
+    const uint32_t channels = s_.header.inputChannels;
+    for (uint32_t k = i; k < i + n; ++k) {
+      for (uint32_t c = 0; c < channels; ++c) s_.rings[c].data[writePosition_] = in[c][k];
+      accumulator_ += period_;
+      writePosition_ = writePosition_ + 1 == length_ ? 0 : writePosition_ + 1;
+    }
+  }
+
+  State& s_;
+  int32_t length_;
+  int32_t half_;
+  int32_t taps_;
+  float period_;
+  float outputPeriod_;
+  float kernelRate_;
+  float perZeroCrossing_;
+  float gain_;
+  float* weights_;
+  float accumulator_;
+  int32_t writePosition_;
+  int32_t newest_ = 0;
+  float frac_ = 0.0f;
+};
+
+// Keeps the long-run output count at the exact count by adding or dropping
+// one sample when it strays by more than one.
+uint32_t correctDrift(State& s, float** output, uint32_t o) {
+  s.calls += 1;
+  // Totals wrap rather than overflow when no correction resets them for hours.
+  s.inputTotal = static_cast<int32_t>(static_cast<uint32_t>(s.inputTotal) + s.header.inputBlockSize);
+  s.outputTotal = static_cast<int32_t>(static_cast<uint32_t>(s.outputTotal) + o);
+  if (s.calls >= kDriftCalls) {
+    const double expected = static_cast<double>(s.header.outputSampleRate) /
+                                static_cast<double>(s.header.inputSampleRate) * s.inputTotal +
+                            s.carry;
+    const double whole = std::floor(expected);
+    if (whole > static_cast<double>(s.outputTotal) + 1.0) {
+      s.correction -= 1;
+      s.outputTotal = -1;
+      s.inputTotal = 0;
+      s.carry = expected - whole;
+    } else if (static_cast<double>(s.outputTotal) - 1.0 > std::ceil(expected)) {
+      s.correction += 1;
+      s.outputTotal = 1;
+      s.inputTotal = 0;
+      s.carry = expected - whole;
+    }
+    s.calls = 0;
+  }
+  if (s.correction < 0 && o > 0 && o < s.header.outputBlockSize) {
+    for (uint32_t c = 0; c < s.header.inputChannels; ++c) output[c][o] = output[c][o - 1];
+    o += 1;
+    s.correction += 1;
+  }
+  if (s.correction > 0 && o > 0) {
+    o -= 1;
+    s.correction -= 1;
+  }
+  return o;
+}
+
+int32_t checkChannels(float* const* channels, uint32_t count) {
+  for (uint32_t c = 0; c < count; ++c) {
+    if (channels[c] == nullptr) return qor::ErrorNullPointer;
+    if (!qor::isAligned32(channels[c])) return qor::ErrorMisaligned;
+  }
+  return qor::Success;
+}
+
+}  // namespace
+
+Result qorSampleRateConverterComputeOutputBlockSize(uint32_t inputSampleRate, uint32_t inputBlockSize,
+                                                    uint32_t outputSampleRate, uint32_t* outputBlockSize) {
+  if (rateOutside(inputSampleRate) || rateOutside(outputSampleRate)) return Result::ErrorSampleRate;
+  if (blockOutside(inputBlockSize)) return Result::ErrorBlockSize;
+  *outputBlockSize = outputBlockFor(inputSampleRate, inputBlockSize, outputSampleRate);
+  return Result::Success;
+}
+
+Result qorSampleRateConverterGetDefaultParameters(QorSampleRateConverterParameters* parameters) {
+  if (parameters == nullptr) return Result::ErrorNullPointer;
+  *parameters = {10, 512, 5.0f};
+  return Result::Success;
+}
+
+Result qorSampleRateConverterGetInstanceSize(const QorSampleRateConverterConfig* config, size_t* size) {
+  if (config == nullptr || size == nullptr) return Result::ErrorNullPointer;
+  if (const int32_t rc = validate(*config); rc != 0) return result(rc);
+  *size = layOut(nullptr, *config, nullptr);
+  return Result::Success;
+}
+
+Result qorSampleRateConverterInit(QorSampleRateConverterInst* inst, const QorSampleRateConverterConfig* config) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkInit(s, config); rc != 0) return result(rc);
+  s->marker = 0;
+  if (const int32_t rc = validate(*config); rc != 0) return result(rc);
+
+  layOut(inst, *config, &s);
+  s->header = qor::headerOf(*config);
+  s->parameters = config->parameters;
+  s->ratio = static_cast<float>(config->outputSampleRate) / static_cast<float>(config->inputSampleRate);
+  buildKernel(*s);
+  resetChannels(*s);
+  s->calls = 0;
+  s->inputTotal = 0;
+  s->outputTotal = 0;
+  s->correction = 0;
+  s->carry = 0.0;
+  s->marker = qor::kInitMarker;
+  return Result::Success;
+}
+
+Result qorSampleRateConverterProcess(QorSampleRateConverterInst* inst, float** input, float** output,
+                                     uint32_t* outputCount) {
+  State* s = qor::stateOf<State>(inst);
+  if (s == nullptr || input == nullptr || output == nullptr || outputCount == nullptr) {
+    return Result::ErrorNullPointer;
+  }
+  if (!qor::isAligned32(s)) return Result::ErrorMisaligned;
+  const uint32_t channels = s->header.inputChannels;
+  if (const int32_t rc = checkChannels(input, channels); rc != 0) return result(rc);
+  if (const int32_t rc = checkChannels(output, channels); rc != 0) return result(rc);
+  if (s->marker != qor::kInitMarker) return Result::ErrorNotInitialised;
+
+  const uint32_t inCount = s->header.inputBlockSize;
+  if (s->halfWidth == 0) {
+    for (uint32_t c = 0; c < channels; ++c) {
+      if (output[c] != input[c]) std::memcpy(output[c], input[c], sizeof(float) * inCount);
+    }
+    *outputCount = inCount;
+    return Result::Success;
+  }
+
+  BlockConverter converter(*s);
+  const uint32_t produced = converter.run(input, output);
+  *outputCount = correctDrift(*s, output, produced);
+  return Result::Success;
+}
+
+Result qorSampleRateConverterFlush(QorSampleRateConverterInst* inst) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, s); rc != 0) return result(rc);
+  resetChannels(*s);
+  return Result::Success;
+}
+
+Result qorSampleRateConverterGetParameters(QorSampleRateConverterInst* inst,
+                                           QorSampleRateConverterParameters* parameters) {
+  const State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
+  *parameters = s->parameters;
+  return Result::Success;
+}
+
+Result qorSampleRateConverterGetCurrentLatency(QorSampleRateConverterInst* inst, int32_t* latency) {
+  const State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, latency); rc != 0) return result(rc);
+  const uint32_t inRate = s->header.inputSampleRate, outRate = s->header.outputSampleRate;
+  const auto nz = static_cast<int32_t>(s->parameters.numZeroCrossings);
+  if (inRate == outRate) {
+    *latency = 0;
+  } else if (inRate > outRate) {
+    *latency = 2 * nz + 1;
+  } else {
+    const float span = static_cast<float>(outRate) / static_cast<float>(inRate) * static_cast<float>(nz);
+    *latency = static_cast<int32_t>(2.0f * span + 2.0f);
+  }
+  return Result::Success;
+}
+
+Result qorSampleRateConverterRelease(QorSampleRateConverterInst* inst) {
+  State* s = qor::stateOf<State>(inst);
+  if (const int32_t rc = qor::checkReady(s, s); rc != 0) return result(rc);
+  s->marker = 0;
+  return Result::Success;
+}
+
+}  // namespace QorSampleRateConverter_API_V1
