@@ -5,3 +5,4 @@
 #pragma once
 
 #include "dsp/core/metering.h"
+#include "dsp/voice/vocal_changer.h"
