@@ -193,6 +193,7 @@ void applySettings(State& s, const VoiceSettings& next, bool forced) {
     if (typeChanged) {
       configureType(voice, type);
       resetVoice(voice);
+      if (v == 1) s.detune.reset();  // part of voice 2: a new voice starts clean
     }
 
     // Band limits move outwards with the shift so the shifted voice stays
