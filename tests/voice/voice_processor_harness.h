@@ -1,0 +1,85 @@
+// Places one voice processor in a zeroed, aligned block the way its owner
+// does (record first, then its buffers) and streams signals through it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "dsp/core/instance.h"
+#include "support/alloc_guard.h"
+#include "support/audio_buffers.h"
+
+namespace qor::test {
+
+using Signals = std::vector<std::vector<float>>;
+
+template <class Processor>
+class HeldProcessor {
+ public:
+  explicit HeldProcessor(uint32_t channels = 2, float rate = 48000.0f)
+      : channels_(channels), memory_(bytesFor(channels)) {
+    InstanceLayout layout(memory_.bytes());
+    processor_ = layout.take<Processor>();
+    Processor::layOut(layout, processor_, channels);
+    placed_ = layout.size();
+    initResult_ = processor_->init(rate);
+  }
+
+  static size_t bytesFor(uint32_t channels) {
+    InstanceLayout counter(nullptr);
+    counter.take<Processor>();
+    Processor::layOut(counter, nullptr, channels);
+    return counter.size();
+  }
+
+  Processor* operator->() { return processor_; }
+  Processor& operator*() { return *processor_; }
+  size_t placedBytes() const { return placed_; }
+  size_t reservedBytes() const { return memory_.size(); }
+  int32_t initResult() const { return initResult_; }
+
+  // Streams the signals (one per channel, equal lengths) through in blocks,
+  // with the allocation guard around every call.
+  Signals run(const Signals& input, uint32_t block = 256) {
+    const uint32_t channels = static_cast<uint32_t>(input.size());
+    ChannelBuffers buffers(channels, block);
+    Signals output(channels);
+    const size_t n = input[0].size();
+    for (size_t at = 0; at < n; at += block) {
+      buffers.load(input, at);
+      EXPECT_NO_ALLOCATION(processor_->process(buffers.data(), block, channels));
+      buffers.appendTo(output);
+    }
+    for (auto& o : output) o.resize(n);
+    return output;
+  }
+
+  std::vector<float> runMono(const std::vector<float>& input, uint32_t block = 256) {
+    return run(Signals{input}, block)[0];
+  }
+
+ private:
+  uint32_t channels_;
+  InstanceMemory memory_;
+  Processor* processor_ = nullptr;
+  size_t placed_ = 0;
+  int32_t initResult_ = -1;
+};
+
+// Sum over frames of the squared synthesis-times-analysis window at time t of
+// an overlap-add with frames of `frame` samples every `hop`, frames starting
+// at multiples of `hop` (offset by `start`).
+inline double squaredWindowSum(int64_t t, uint32_t frame, uint32_t hop, int64_t start) {
+  double s = 0.0;
+  for (int64_t begin = start + ((t - start) / hop) * hop; begin > t - frame; begin -= hop) {
+    const int64_t i = t - begin;
+    if (i < 0 || i >= frame) continue;
+    const double w = 0.5 - 0.5 * std::cos(2.0 * 3.14159265358979323846 * i / (frame - 1));
+    s += w * w;
+  }
+  return s;
+}
+
+}  // namespace qor::test
