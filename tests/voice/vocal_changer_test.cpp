@@ -1,4 +1,5 @@
 #include "dsp/voice/vocal_changer.h"
+#include "dsp/voice/voice_pitch_shifter.h"
 
 #include <gtest/gtest.h>
 
@@ -317,15 +318,17 @@ INSTANTIATE_TEST_SUITE_P(Types, VocalChangerLatency,
                                            LatencyCase{6, 2048}, LatencyCase{9, 2048}, LatencyCase{13, 2048},
                                            LatencyCase{14, 2048}, LatencyCase{15, 0}));
 
-TEST(VocalChangerRouting, TypeChangeTakesEffectAtTheStartOfTheNextBlock) {
-  const auto tone = qor::test::sine(375.0, 48000.0, kBlock * 8, 0.5);
-  Changer changer(defaults());
-  const auto before = changer.run(std::vector<float>(tone.begin(), tone.begin() + kBlock * 4));
-  expectSame(before, std::vector<float>(tone.begin(), tone.begin() + kBlock * 4));
-  ASSERT_EQ(changer.update(voices(2, 1200.0f)), R::Success);
-  // The shifter starts empty: its whole latency comes out silent.
-  const auto after = changer.run(std::vector<float>(tone.begin() + kBlock * 4, tone.end()));
-  for (float v : after) ASSERT_EQ(v, 0.0f);
+TEST(VocalChangerRouting, TypeChangeRestartsTheVoiceAtTheNextBlock) {
+  const auto in = voiceLike(kBlock * 24);
+  const std::vector<float> first(in.begin(), in.begin() + kBlock * 8);
+  const std::vector<float> second(in.begin() + kBlock * 8, in.end());
+  Changer changer(voices(2, 0.0f));
+  changer.run(first);
+  ASSERT_EQ(changer.update(voices(4, 0.0f)), R::Success);
+  // From the very next block on, exactly as if it had been set up this way:
+  // nothing of the old voice's history is left.
+  Changer fresh(voices(4, 0.0f));
+  expectSame(changer.run(second), fresh.run(second));
 }
 
 TEST(VocalChangerRouting, VoiceOneAloneIgnoresItsLevelAndShiftsByAnOctave) {
@@ -336,7 +339,7 @@ TEST(VocalChangerRouting, VoiceOneAloneIgnoresItsLevelAndShiftsByAnOctave) {
   const auto a = loud.run(tone);
   expectSame(muted.run(tone), a);
   const double octave = qor::test::toneAmplitude(a, 750.0, 48000.0, 12000);
-  EXPECT_GT(octave, 0.2);
+  EXPECT_GT(octave, 0.1);
   EXPECT_LT(qor::test::toneAmplitude(a, 375.0, 48000.0, 12000), 0.05 * octave);
 }
 
@@ -402,21 +405,52 @@ TEST(VocalChangerRouting, VoiceOnesPitchDecidesWhetherCarrierVoicesFollowThePitc
   EXPECT_GT(difference / a.size(), 1e-3);
 }
 
+// The same ratio through a bare pitch shifter, without band limits.
+double bareShifterAmplitude(float pitch, double hz) {
+  qor::InstanceLayout counting(nullptr);
+  counting.take<qor::VoicePitchShifter>();
+  qor::VoicePitchShifter::layOut(counting, nullptr, 1);
+  auto block = qor::test::alignedBlock(counting.size());
+  qor::InstanceLayout placing(block.get());
+  auto* shifter = placing.take<qor::VoicePitchShifter>();
+  qor::VoicePitchShifter::layOut(placing, shifter, 1);
+  EXPECT_EQ(shifter->init(48000.0f), 0);
+  shifter->setRatio(std::exp2(pitch / 1200.0f));
+  const auto in = qor::test::sine(hz, 48000.0, 48000, 0.5);
+  qor::test::ChannelBuffers buffers(1, kBlock);
+  Channels out(1);
+  for (size_t at = 0; at + kBlock <= in.size(); at += kBlock) {
+    buffers.load({in}, at);
+    shifter->process(buffers.data(), kBlock, 1);
+    buffers.appendTo(out);
+  }
+  return qor::test::toneAmplitude(out[0], hz * std::exp2(pitch / 1200.0), 48000.0, 12000);
+}
+
 TEST(VocalChangerRouting, BandLimitsWidenWithThePitchShift) {
-  // +1200 cents: high-pass at 100 Hz. An 80 Hz tone loses what a
-  // second-order Butterworth takes at 0.8 of its corner; 400 Hz passes.
   auto shiftedAmplitude = [](float pitch, double hz) {
     Changer changer(voices(2, pitch));
     const auto out = changer.run(qor::test::sine(hz, 48000.0, 48000, 0.5));
     return qor::test::toneAmplitude(out, hz * std::exp2(pitch / 1200.0), 48000.0, 12000);
   };
-  auto highPass = [](double f, double fc) { return std::pow(f / fc, 2) / std::sqrt(1.0 + std::pow(f / fc, 4)); };
-  auto lowPass = [](double f, double fc) { return 1.0 / std::sqrt(1.0 + std::pow(f / fc, 4)); };
-  const double lowUp = shiftedAmplitude(1200.0f, 80.0) / shiftedAmplitude(1200.0f, 400.0);
-  EXPECT_NEAR(lowUp, highPass(80.0, 100.0) / highPass(400.0, 100.0), 0.08);
-  // -1200 cents: low-pass at 6000 Hz.
-  const double highDown = shiftedAmplitude(-1200.0f, 8000.0) / shiftedAmplitude(-1200.0f, 2000.0);
-  EXPECT_NEAR(highDown, lowPass(8000.0, 6000.0) / lowPass(2000.0, 6000.0), 0.08);
+  // Second-order Butterworth magnitudes after the bilinear transform.
+  auto warped = [](double f) { return std::tan(3.14159265358979 * f / 48000.0); };
+  auto highPass = [&](double f, double fc) {
+    const double x = std::pow(warped(f) / warped(fc), 2);
+    return x / std::sqrt(1.0 + x * x);
+  };
+  auto lowPass = [&](double f, double fc) { return 1.0 / std::sqrt(1.0 + std::pow(warped(f) / warped(fc), 4)); };
+  // Tones on analysis bins (multiples of 48000 / 2048) shift cleanly.
+  // +1200 cents: high-pass at 100 Hz, not 50.
+  for (double hz : {70.3125, 140.625}) {
+    const double measured = shiftedAmplitude(1200.0f, hz) / bareShifterAmplitude(1200.0f, hz);
+    EXPECT_NEAR(measured, highPass(hz, 100.0) * lowPass(hz, 6000.0), 0.01) << hz;
+  }
+  // -1200 cents: low-pass at 6000 Hz, not 12000.
+  for (double hz : {3000.0, 7031.25}) {
+    const double measured = shiftedAmplitude(-1200.0f, hz) / bareShifterAmplitude(-1200.0f, hz);
+    EXPECT_NEAR(measured, highPass(hz, 100.0) * lowPass(hz, 6000.0), 0.01) << hz;
+  }
 }
 
 // --- every voice type on a voice ---
@@ -438,7 +472,11 @@ TEST_P(VocalChangerTypes, TurnAVoiceIntoAnotherOfComparableEnergy) {
   const double inLevel = qor::test::rms(in, 8000);
   const double outLevel = qor::test::rms(out, static_cast<size_t>(latency) + 8000);
   EXPECT_GT(outLevel, 0.05 * inLevel) << c.type;
-  EXPECT_LT(outLevel, 20.0 * inLevel) << c.type;
+  // The carrier voices' level is set by the carrier processor's fixed output
+  // gain, far above the voice's own; the other types keep the level.
+  if (c.type <= 5) {
+    EXPECT_LT(outLevel, 2.0 * inLevel) << c.type;
+  }
   // Something else than the input delayed.
   std::vector<float> aligned(out.begin() + latency, out.end());
   double dot = 0.0, e1 = 0.0, e2 = 0.0;
@@ -462,7 +500,8 @@ TEST(VocalChangerTypes, FormantWarpAtPitchZeroIsTheInputDelayedAtAboutSixTenths)
   const auto in = voiceLike(48000);
   Changer changer(voices(1, 0.0f));
   const auto out = changer.run(in);
-  EXPECT_EQ(qor::test::delayByCrossCorrelation(in, out, 5000), 4096);
+  // The band-limit filters' group delay may add a sample.
+  EXPECT_NEAR(qor::test::delayByCrossCorrelation(in, out, 5000), 4096, 2);
   const double gain = qor::test::rms(out, 12000) / qor::test::rms(in, 12000 - 4096, 48000 - 4096);
   EXPECT_NEAR(gain, 0.6, 0.06);
 }
@@ -497,7 +536,9 @@ TEST(VocalChangerTypes, StereoChannelsAreShiftedIndependently) {
 TEST(VocalChangerTypes, WorksAtFortyFourPointOneKilohertz) {
   Changer changer(voices(2, 1200.0f), 1, 44100, 512);
   const auto out = changer.run(qor::test::sine(344.53125, 44100.0, 44544, 0.5));
-  EXPECT_GT(qor::test::toneAmplitude(out, 689.0625, 44100.0, 11025), 0.2);
+  const double octave = qor::test::toneAmplitude(out, 689.0625, 44100.0, 11025);
+  EXPECT_GT(octave, 0.1);
+  EXPECT_LT(qor::test::toneAmplitude(out, 344.53125, 44100.0, 11025), 0.05 * octave);
 }
 
 // --- staged settings, resets and bypass ---
@@ -513,7 +554,9 @@ TEST(VocalChangerState, IdenticalOrCrossfadeOnlyUpdatesResetNothing) {
   const auto reference = steady.run(in);
   Channels out(1);
   for (size_t b = 0; b < 48; ++b) {
-    if (b % 4 == 1) ASSERT_EQ(poked.update(p), R::Success);
+    if (b % 4 == 1) {
+      ASSERT_EQ(poked.update(p), R::Success);
+    }
     if (b % 4 == 2) {
       QorVocalChangerParameters q = p;
       q.crossfadeTime = 5.0f;

@@ -17,6 +17,8 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kRate = 48000.0;  // the rate the material is designed for
+constexpr double kRoomNoiseDb = 30.0;  // room noise below the signal's rms
+constexpr double kDrive = 3.0;         // saturation before normalising
 
 using Signal = std::vector<double>;
 
@@ -116,6 +118,29 @@ Signal looped(size_t n, size_t fade, Make make) {
     y[i] = a * x[i] + (1.0 - a) * x[n + i];
   }
   return y;
+}
+
+// A recording always carries a little broadband room noise. The carrier
+// processor divides by the carrier's spectral envelope, so a carrier with
+// empty bands would amplify its own rounding noise there; this floor keeps
+// every band of every carrier alive.
+Signal withRoomNoise(Signal x, double belowDb, uint64_t seed) {
+  double power = 0.0;
+  for (double v : x) power += v * v;
+  const double level = std::sqrt(power / static_cast<double>(x.size())) * std::pow(10.0, -belowDb / 20.0);
+  Rng rng{seed};
+  // Uniform noise has an rms of 1/sqrt(3).
+  for (double& v : x) v += level * std::sqrt(3.0) * rng.uniform();
+  return x;
+}
+
+// Gentle tape-like saturation: lowers the crest factor so that the carriers
+// sit at similar loudness, and fills the spectrum between partials.
+Signal saturated(Signal x, double drive) {
+  double peak = 0.0;
+  for (double v : x) peak = std::fmax(peak, std::fabs(v));
+  for (double& v : x) v = std::tanh(drive * v / peak);
+  return x;
 }
 
 std::vector<float> normalised(const Signal& x) {
@@ -266,9 +291,13 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::vector<std::vector<float>> carriers = {
-      normalised(tone(44100)),           normalised(metallicRing(52673)), normalised(buzzyChord(473047)),
-      normalised(machineHum(326170)),    normalised(vowelDrone(465571)),  normalised(lowGrowl(459755)),
-      normalised(brightBuzz(327149)),
+      normalised(tone(44100)),
+      normalised(withRoomNoise(saturated(metallicRing(52673), kDrive), kRoomNoiseDb, 7)),
+      normalised(withRoomNoise(saturated(buzzyChord(473047), kDrive), kRoomNoiseDb, 8)),
+      normalised(withRoomNoise(saturated(machineHum(326170), kDrive), kRoomNoiseDb, 9)),
+      normalised(withRoomNoise(saturated(vowelDrone(465571), kDrive), kRoomNoiseDb, 10)),
+      normalised(withRoomNoise(saturated(lowGrowl(459755), kDrive), kRoomNoiseDb, 11)),
+      normalised(withRoomNoise(saturated(brightBuzz(327149), kDrive), kRoomNoiseDb, 12)),
   };
   std::FILE* f = std::fopen(argv[1], "wb");
   if (f == nullptr) {
