@@ -5,4 +5,5 @@
 #pragma once
 
 #include "dsp/core/metering.h"
+#include "dsp/noise/noise_reduction.h"
 #include "dsp/voice/vocal_changer.h"

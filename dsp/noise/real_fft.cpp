@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <numbers>
 
 #if defined(__SSE2__) && !defined(QOR_FFT_PORTABLE)
@@ -81,6 +82,18 @@ inline void storePairs(float* p, V x, V y) {
   _mm_storeu_ps(p, _mm_unpacklo_ps(x, y));
   _mm_storeu_ps(p + 4, _mm_unpackhi_ps(x, y));
 }
+inline void transpose(V& a, V& b, V& c, V& d) { _MM_TRANSPOSE4_PS(a, b, c, d); }
+// Four complex values stored as (re, im) pairs at p + i[l], one 8-byte load each.
+inline void gatherPairs(const float* p, const uint32_t* i, V& re, V& im) {
+  double d0, d1, d2, d3;
+  std::memcpy(&d0, p + i[0], 8);
+  std::memcpy(&d1, p + i[1], 8);
+  std::memcpy(&d2, p + i[2], 8);
+  std::memcpy(&d3, p + i[3], 8);
+  const V a = _mm_castpd_ps(_mm_set_pd(d1, d0)), b = _mm_castpd_ps(_mm_set_pd(d3, d2));
+  re = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  im = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
 #else
 struct V {
   float v[4];
@@ -107,18 +120,41 @@ inline void storePairs(float* p, V x, V y) {
     p[2 * i + 1] = y.v[i];
   }
 }
+inline void transpose(V& a, V& b, V& c, V& d) {
+  const V r[4] = {a, b, c, d};
+  a = {{r[0].v[0], r[1].v[0], r[2].v[0], r[3].v[0]}};
+  b = {{r[0].v[1], r[1].v[1], r[2].v[1], r[3].v[1]}};
+  c = {{r[0].v[2], r[1].v[2], r[2].v[2], r[3].v[2]}};
+  d = {{r[0].v[3], r[1].v[3], r[2].v[3], r[3].v[3]}};
+}
+inline void gatherPairs(const float* p, const uint32_t* i, V& re, V& im) {
+  re = {{p[i[0]], p[i[1]], p[i[2]], p[i[3]]}};
+  im = {{p[i[0] + 1], p[i[1] + 1], p[i[2] + 1], p[i[3] + 1]}};
+}
 #endif
 
+// Twiddles of one stage: its table and quarter length.
+struct Stage {
+  const float* table;
+  uint32_t length;
+  uint32_t quarter;
+  uint32_t quarterBits;
+
+  Stage(const float* twiddleBase, uint32_t stage)
+      : table(stageTable(twiddleBase, stage)),
+        length(stage),
+        quarter(stage / 4),
+        quarterBits(log2Of(stage / 4)) {}
+};
+
 // Twiddles e^(-2 pi i j / L) for j = j0 .. j0 + 3 (j0 a multiple of 4).
-void twiddles4(const float* twiddleBase, uint32_t stage, uint32_t j0, V& wr, V& wi) {
-  const float* table = stageTable(twiddleBase, stage);
-  const uint32_t quarter = stage / 4;
-  const uint32_t r = j0 % quarter;
-  if (quarter >= 4 && r != 0) {
+inline void twiddles4(const Stage& st, uint32_t j0, V& wr, V& wi) {
+  const uint32_t r = j0 & (st.quarter - 1);
+  if (st.quarter >= 4 && r != 0) {
     // Whole group in one quadrant and clear of the implicit j = 0 entry.
     V c, s;
-    loadPairs(table + 2 * r, c, s);
-    switch (j0 / quarter) {
+    loadPairs(st.table + 2 * r, c, s);
+    switch (j0 >> st.quarterBits) {
       case 0: wr = c; wi = s; break;
       case 1: wr = s; wi = sub(splat(0.0f), c); break;
       case 2: wr = sub(splat(0.0f), c); wi = sub(splat(0.0f), s); break;
@@ -127,21 +163,25 @@ void twiddles4(const float* twiddleBase, uint32_t stage, uint32_t j0, V& wr, V& 
     return;
   }
   float r0, r1, r2, r3, i0, i1, i2, i3;
-  twiddle(table, stage, j0, r0, i0);
-  twiddle(table, stage, j0 + 1, r1, i1);
-  twiddle(table, stage, j0 + 2, r2, i2);
-  twiddle(table, stage, j0 + 3, r3, i3);
+  twiddle(st.table, st.length, j0, r0, i0);
+  twiddle(st.table, st.length, j0 + 1, r1, i1);
+  twiddle(st.table, st.length, j0 + 2, r2, i2);
+  twiddle(st.table, st.length, j0 + 3, r3, i3);
   wr = lanes(r0, r1, r2, r3);
   wi = lanes(i0, i1, i2, i3);
 }
 
-// Bit-reversed gather of m complex points (element k at src[k * stride])
-// fused with the two trivial first stages. rev_m(k) = bitReverse[2k].
-void gatherFirstStages(const float* srcRe, const float* srcIm, uint32_t stride,
-                       const uint32_t* bitReverse, uint32_t m, float* zr, float* zi) {
-  const uint32_t half = m / 2 * stride, quarter = m / 4 * stride;
+// Bit-reversed gather of m complex points stored as (re, im) pairs, fused
+// with the two trivial first stages, four groups of four per round.
+// rev_m(k) = bitReverse[2k]; within a group the reversed indices step by
+// m/2 and m/4.
+void gatherFirstStagesSmall(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                            float* zi) {
+  const float* srcRe = pairs;
+  const float* srcIm = pairs + 1;
+  const uint32_t half = m, quarter = m / 2;
   for (uint32_t g = 0; g < m / 4; ++g) {
-    const uint32_t i0 = bitReverse[8 * g] * stride;
+    const uint32_t i0 = bitReverse[8 * g] * 2;
     const uint32_t i1 = i0 + half, i2 = i0 + quarter, i3 = i0 + half + quarter;
     const float s01r = srcRe[i0] + srcRe[i1], s01i = srcIm[i0] + srcIm[i1];
     const float d01r = srcRe[i0] - srcRe[i1], d01i = srcIm[i0] - srcIm[i1];
@@ -153,7 +193,6 @@ void gatherFirstStages(const float* srcRe, const float* srcIm, uint32_t stride,
     i[0] = s01i + s23i;
     r[2] = s01r - s23r;
     i[2] = s01i - s23i;
-    // -i * d23 = (d23i, -d23r)
     r[1] = d01r + d23i;
     i[1] = d01i - d23r;
     r[3] = d01r - d23i;
@@ -161,10 +200,120 @@ void gatherFirstStages(const float* srcRe, const float* srcIm, uint32_t stride,
   }
 }
 
+void gatherFirstStages(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                       float* zi) {
+  const uint32_t half = m, quarter = m / 2;  // in floats: m/2 and m/4 pairs
+  if (m < 16) {
+    gatherFirstStagesSmall(pairs, bitReverse, m, zr, zi);
+    return;
+  }
+  for (uint32_t g = 0; g < m / 4; g += 4) {
+    uint32_t i0[4], i1[4], i2[4], i3[4];
+    for (uint32_t l = 0; l < 4; ++l) {
+      i0[l] = bitReverse[8 * (g + l)] * 2;
+      i1[l] = i0[l] + half;
+      i2[l] = i0[l] + quarter;
+      i3[l] = i0[l] + half + quarter;
+    }
+    V a0r, a0i, a1r, a1i, a2r, a2i, a3r, a3i;
+    gatherPairs(pairs, i0, a0r, a0i);
+    gatherPairs(pairs, i1, a1r, a1i);
+    gatherPairs(pairs, i2, a2r, a2i);
+    gatherPairs(pairs, i3, a3r, a3i);
+    const V s01r = add(a0r, a1r), s01i = add(a0i, a1i);
+    const V d01r = sub(a0r, a1r), d01i = sub(a0i, a1i);
+    const V s23r = add(a2r, a3r), s23i = add(a2i, a3i);
+    const V d23r = sub(a2r, a3r), d23i = sub(a2i, a3i);
+    // Outputs 0..3 of each group; -i * d23 = (d23i, -d23r).
+    V y0r = add(s01r, s23r), y1r = add(d01r, d23i), y2r = sub(s01r, s23r), y3r = sub(d01r, d23i);
+    V y0i = add(s01i, s23i), y1i = sub(d01i, d23r), y2i = sub(s01i, s23i), y3i = add(d01i, d23r);
+    transpose(y0r, y1r, y2r, y3r);
+    transpose(y0i, y1i, y2i, y3i);
+    float* r = zr + 4 * g;
+    float* i = zi + 4 * g;
+    store(r, y0r);
+    store(r + 4, y1r);
+    store(r + 8, y2r);
+    store(r + 12, y3r);
+    store(i, y0i);
+    store(i + 4, y1i);
+    store(i + 8, y2i);
+    store(i + 12, y3i);
+  }
+}
+
+// As above for an odd number of stages: the gather also does the stage of
+// length 8, so groups are eight points (reversed indices step by m/8).
+void gatherFirstThreeStages(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                            float* zi, float h) {
+  const uint32_t eighth = m / 8 * 2;  // in floats
+  auto at = [&](const uint32_t* base, uint32_t offset, V& re, V& im) {
+    const uint32_t i[4] = {base[0] + offset, base[1] + offset, base[2] + offset, base[3] + offset};
+    gatherPairs(pairs, i, re, im);
+  };
+  // Four-point DFT of the inputs at base + {0, 4, 2, 6} * m/8 (+ shift).
+  auto fourPoint = [&](const uint32_t* base, uint32_t shift, V* yr, V* yi) {
+    V a0r, a0i, a1r, a1i, a2r, a2i, a3r, a3i;
+    at(base, shift, a0r, a0i);
+    at(base, shift + 4 * eighth, a1r, a1i);
+    at(base, shift + 2 * eighth, a2r, a2i);
+    at(base, shift + 6 * eighth, a3r, a3i);
+    const V s01r = add(a0r, a1r), s01i = add(a0i, a1i);
+    const V d01r = sub(a0r, a1r), d01i = sub(a0i, a1i);
+    const V s23r = add(a2r, a3r), s23i = add(a2i, a3i);
+    const V d23r = sub(a2r, a3r), d23i = sub(a2i, a3i);
+    yr[0] = add(s01r, s23r);
+    yi[0] = add(s01i, s23i);
+    yr[1] = add(d01r, d23i);
+    yi[1] = sub(d01i, d23r);
+    yr[2] = sub(s01r, s23r);
+    yi[2] = sub(s01i, s23i);
+    yr[3] = sub(d01r, d23i);
+    yi[3] = add(d01i, d23r);
+  };
+  const V hv = splat(h);
+  for (uint32_t g = 0; g < m / 8; g += 4) {
+    uint32_t base[4];
+    for (uint32_t l = 0; l < 4; ++l) base[l] = bitReverse[16 * (g + l)] * 2;
+    V yr[4], yi[4], zr4[4], zi4[4];
+    fourPoint(base, 0, yr, yi);
+    fourPoint(base, eighth, zr4, zi4);
+    // Twiddles w8^p on the second half: 1, h(1 - i), -i, -h(1 + i).
+    V tr[4], ti[4];
+    tr[0] = zr4[0];
+    ti[0] = zi4[0];
+    tr[1] = mul(hv, add(zr4[1], zi4[1]));
+    ti[1] = mul(hv, sub(zi4[1], zr4[1]));
+    tr[2] = zi4[2];
+    ti[2] = sub(splat(0.0f), zr4[2]);
+    tr[3] = mul(hv, sub(zi4[3], zr4[3]));
+    ti[3] = sub(splat(0.0f), mul(hv, add(zr4[3], zi4[3])));
+    V lo_r[4], lo_i[4], hi_r[4], hi_i[4];
+    for (int p = 0; p < 4; ++p) {
+      lo_r[p] = add(yr[p], tr[p]);
+      lo_i[p] = add(yi[p], ti[p]);
+      hi_r[p] = sub(yr[p], tr[p]);
+      hi_i[p] = sub(yi[p], ti[p]);
+    }
+    transpose(lo_r[0], lo_r[1], lo_r[2], lo_r[3]);
+    transpose(lo_i[0], lo_i[1], lo_i[2], lo_i[3]);
+    transpose(hi_r[0], hi_r[1], hi_r[2], hi_r[3]);
+    transpose(hi_i[0], hi_i[1], hi_i[2], hi_i[3]);
+    for (uint32_t l = 0; l < 4; ++l) {
+      float* r = zr + 8 * (g + l);
+      float* i = zi + 8 * (g + l);
+      store(r, lo_r[l]);
+      store(r + 4, hi_r[l]);
+      store(i, lo_i[l]);
+      store(i + 4, hi_i[l]);
+    }
+  }
+}
+
 // One radix-2 stage of length 8 (four butterflies per block, one vector).
 void radix2Stage8(const float* twiddleBase, uint32_t m, float* zr, float* zi) {
   V wr, wi;
-  twiddles4(twiddleBase, 8, 0, wr, wi);
+  twiddles4(Stage(twiddleBase, 8), 0, wr, wi);
   for (uint32_t s = 0; s < m; s += 8) {
     const V ar = load(zr + s), ai = load(zi + s);
     const V br = load(zr + s + 4), bi = load(zi + s + 4);
@@ -177,55 +326,64 @@ void radix2Stage8(const float* twiddleBase, uint32_t m, float* zr, float* zi) {
   }
 }
 
-// Stages L/2 and L fused: per block, quarters A0 A1 B0 B1 of length Q = L/4.
+// Stages L/2 and L fused into one radix-4 pass. After the earlier stages a
+// block holds the quarter-length DFTs D0, D2, D1, D3 (bit-reversed order);
+// they combine with twiddles 1, w^2j, w^j, w^3j, w = e^(-2 pi i / L).
 void radix4Stages(const float* twiddleBase, uint32_t stage, uint32_t m, float* zr, float* zi) {
   const uint32_t q = stage / 4;
+  const Stage half(twiddleBase, stage / 2), full(twiddleBase, stage);
   for (uint32_t j = 0; j < q; j += 4) {
-    V w1r, w1i, w2r, w2i;
-    twiddles4(twiddleBase, stage / 2, j, w1r, w1i);
-    twiddles4(twiddleBase, stage, j, w2r, w2i);
+    V w2r, w2i, w1r, w1i;
+    twiddles4(half, j, w2r, w2i);  // w^2j
+    twiddles4(full, j, w1r, w1i);  // w^j
+    const V w3r = sub(mul(w1r, w2r), mul(w1i, w2i));
+    const V w3i = add(mul(w1r, w2i), mul(w1i, w2r));
     for (uint32_t s = j; s < m; s += stage) {
       float* r = zr + s;
       float* i = zi + s;
-      const V a0r = load(r), a0i = load(i);
-      const V a1r = load(r + q), a1i = load(i + q);
-      const V b0r = load(r + 2 * q), b0i = load(i + 2 * q);
-      const V b1r = load(r + 3 * q), b1i = load(i + 3 * q);
-      // First stage: twiddle w1 on the odd quarters.
-      V tr = sub(mul(a1r, w1r), mul(a1i, w1i));
-      V ti = add(mul(a1r, w1i), mul(a1i, w1r));
-      const V u0r = add(a0r, tr), u0i = add(a0i, ti);
-      const V u1r = sub(a0r, tr), u1i = sub(a0i, ti);
-      tr = sub(mul(b1r, w1r), mul(b1i, w1i));
-      ti = add(mul(b1r, w1i), mul(b1i, w1r));
-      const V v0r = add(b0r, tr), v0i = add(b0i, ti);
-      const V v1r = sub(b0r, tr), v1i = sub(b0i, ti);
-      // Second stage: w2 on v0, -i * w2 on v1.
-      tr = sub(mul(v0r, w2r), mul(v0i, w2i));
-      ti = add(mul(v0r, w2i), mul(v0i, w2r));
-      store(r, add(u0r, tr));
-      store(i, add(u0i, ti));
-      store(r + 2 * q, sub(u0r, tr));
-      store(i + 2 * q, sub(u0i, ti));
-      tr = sub(mul(v1r, w2r), mul(v1i, w2i));
-      ti = add(mul(v1r, w2i), mul(v1i, w2r));
-      // -i * (tr + i ti) = ti - i tr
-      store(r + q, add(u1r, ti));
-      store(i + q, sub(u1i, tr));
-      store(r + 3 * q, sub(u1r, ti));
-      store(i + 3 * q, add(u1i, tr));
+      const V d0r = load(r), d0i = load(i);
+      V xr = load(r + q), xi = load(i + q);
+      const V br = sub(mul(xr, w2r), mul(xi, w2i)), bi = add(mul(xr, w2i), mul(xi, w2r));
+      xr = load(r + 2 * q);
+      xi = load(i + 2 * q);
+      const V cr = sub(mul(xr, w1r), mul(xi, w1i)), ci = add(mul(xr, w1i), mul(xi, w1r));
+      xr = load(r + 3 * q);
+      xi = load(i + 3 * q);
+      const V dr = sub(mul(xr, w3r), mul(xi, w3i)), di = add(mul(xr, w3i), mul(xi, w3r));
+      const V s0r = add(d0r, br), s0i = add(d0i, bi);
+      const V s1r = sub(d0r, br), s1i = sub(d0i, bi);
+      const V s2r = add(cr, dr), s2i = add(ci, di);
+      const V s3r = sub(cr, dr), s3i = sub(ci, di);
+      store(r, add(s0r, s2r));
+      store(i, add(s0i, s2i));
+      store(r + 2 * q, sub(s0r, s2r));
+      store(i + 2 * q, sub(s0i, s2i));
+      // -i * s3 = (s3i, -s3r)
+      store(r + q, add(s1r, s3i));
+      store(i + q, sub(s1i, s3r));
+      store(r + 3 * q, sub(s1r, s3i));
+      store(i + 3 * q, add(s1i, s3r));
     }
   }
 }
 
-// In-place complex DFT of m points (m >= 4) whose first two stages are done.
-void remainingStages(const float* twiddleBase, uint32_t m, float* zr, float* zi) {
+// DFT of m >= 4 complex points stored as (re, im) pairs into zr, zi.
+void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m, float* zr,
+                      float* zi) {
   uint32_t stage = 8;
-  if ((log2Of(m) & 1) != 0 && m >= 8) {
-    radix2Stage8(twiddleBase, m, zr, zi);
+  if ((log2Of(m) & 1) != 0 && m >= 32) {
+    float h, unused;
+    twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
+    gatherFirstThreeStages(pairs, setup.bitReverse, m, zr, zi, h);
     stage = 16;
+  } else {
+    gatherFirstStages(pairs, setup.bitReverse, m, zr, zi);
+    if ((log2Of(m) & 1) != 0 && m >= 8) {
+      radix2Stage8(setup.twiddles, m, zr, zi);
+      stage = 16;
+    }
   }
-  for (; stage * 2 <= m; stage *= 4) radix4Stages(twiddleBase, stage * 2, m, zr, zi);
+  for (; stage * 2 <= m; stage *= 4) radix4Stages(setup.twiddles, stage * 2, m, zr, zi);
 }
 
 float* alignScratch(void* scratch) {
@@ -238,8 +396,7 @@ void forwardPowerOfTwo(const RealFftSetup& setup, const float* input, float* re,
   const uint32_t n = setup.size, m = n / 2, h = m / 2;
   float* zr = scratch;
   float* zi = scratch + m;
-  gatherFirstStages(input, input + 1, 2, setup.bitReverse, m, zr, zi);
-  remainingStages(setup.twiddles, m, zr, zi);
+  complexTransform(input, setup, m, zr, zi);
 
   // Untangle: X[k] = E + T, X[m-k] = conj(E - T) with E = (Z[k] + conj Z[m-k]) / 2,
   // T = w^k * (-i/2) (Z[k] - conj Z[m-k]), w = e^(-2 pi i / n).
@@ -285,13 +442,14 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
   const uint32_t n = setup.size, m = n / 2, h = m / 2;
   float* zr = scratch;
   float* zi = scratch + m;
-  float* tr = scratch + n;
-  float* ti = scratch + n + m;
+  // 2 Z as (im, re) pairs: the inverse DFT is the forward one with re and im
+  // swapped on both sides.
+  float* t = scratch + n;
 
   // Retangle into 2 Z: Z[k] = E + i conj(w^k) D, Z[m-k] = conj(E - i conj(w^k) D)
   // with E = X[k] + conj X[m-k], D = X[k] - conj X[m-k].
-  tr[0] = re[0] + re[m];
-  ti[0] = re[0] - re[m];
+  t[0] = re[0] - re[m];
+  t[1] = re[0] + re[m];
   const float* table = stageTable(setup.twiddles, n);
   uint32_t k = 1;
   for (; k + 3 < h; k += 4) {
@@ -303,10 +461,8 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
     loadPairs(table + 2 * k, wr, wi);
     const V ur = sub(mul(wi, dr), mul(wr, di));
     const V ui = add(mul(wr, dr), mul(wi, di));
-    storeu(tr + k, add(er, ur));
-    storeu(ti + k, add(ei, ui));
-    storeu(tr + m - k - 3, reverse(sub(er, ur)));
-    storeu(ti + m - k - 3, reverse(sub(ui, ei)));
+    storePairs(t + 2 * k, add(ei, ui), add(er, ur));
+    storePairs(t + 2 * (m - k - 3), reverse(sub(ui, ei)), reverse(sub(er, ur)));
   }
   for (; k < h; ++k) {
     const float ar = re[k], ai = im[k], br = re[m - k], bi = im[m - k];
@@ -314,17 +470,15 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
     float wr, wi;
     twiddle(table, n, k, wr, wi);
     const float ur = wi * dr - wr * di, ui = wr * dr + wi * di;
-    tr[k] = er + ur;
-    ti[k] = ei + ui;
-    tr[m - k] = er - ur;
-    ti[m - k] = ui - ei;
+    t[2 * k] = ei + ui;
+    t[2 * k + 1] = er + ur;
+    t[2 * (m - k)] = ui - ei;
+    t[2 * (m - k) + 1] = er - ur;
   }
-  tr[h] = 2.0f * re[h];
-  ti[h] = -2.0f * im[h];
+  t[2 * h] = -2.0f * im[h];
+  t[2 * h + 1] = 2.0f * re[h];
 
-  // The inverse DFT is the forward one with re and im swapped on both sides.
-  gatherFirstStages(ti, tr, 1, setup.bitReverse, m, zr, zi);
-  remainingStages(setup.twiddles, m, zr, zi);
+  complexTransform(t, setup, m, zr, zi);
 
   // 1/n is a power of two, so the product equals the division exactly.
   const V scale = splat(1.0f / static_cast<float>(n));

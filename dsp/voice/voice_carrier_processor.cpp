@@ -5,6 +5,7 @@
 
 #include "dsp/core/hann_window.h"
 #include "dsp/voice/voice_fft.h"
+#include "dsp/voice/voice_math.h"
 
 namespace qor {
 
@@ -42,7 +43,6 @@ void VoiceCarrierProcessor::layOut(InstanceLayout& layout, VoiceCarrierProcessor
   float* voiceEnvelope = layout.take<float>(kBins);
   float* logMagnitude = layout.take<float>(kBins);
   float* cepstrum = layout.take<float>(kFrameSize);
-  float* envelopeRe = layout.take<float>(kBins);
   float* envelopeIm = layout.take<float>(kBins);
   if (self != nullptr) {
     self->channelsLaidOut = maxChannels;
@@ -56,7 +56,6 @@ void VoiceCarrierProcessor::layOut(InstanceLayout& layout, VoiceCarrierProcessor
     self->voiceEnvelope = voiceEnvelope;
     self->logMagnitude = logMagnitude;
     self->cepstrum = cepstrum;
-    self->envelopeRe = envelopeRe;
     self->envelopeIm = envelopeIm;
   }
   for (uint32_t c = 0; c < maxChannels; ++c) {
@@ -151,24 +150,18 @@ void VoiceCarrierProcessor::reset() {
 void VoiceCarrierProcessor::envelopeOf(const float* sRe, const float* sIm, int32_t lifter,
                                        float* envelope) {
   const VoiceFft fft{fftSetup, fftScratch};
-  for (uint32_t n = 0; n < kBins; ++n) {
-    logMagnitude[n] = std::log(std::sqrt(sRe[n] * sRe[n] + sIm[n] * sIm[n]) + 0.000001f);
-  }
-  // The log spectrum as the even sequence it stands for, so that its
-  // transform is the (real) cepstrum.
-  cepstrum[0] = logMagnitude[0];
-  cepstrum[kNyquist] = logMagnitude[kNyquist];
-  for (uint32_t n = 1; n < kNyquist; ++n) {
-    cepstrum[n] = logMagnitude[n];
-    cepstrum[kFrameSize - n] = logMagnitude[n];
-  }
-  fft.forward(cepstrum, envelopeRe, envelopeIm);
-  envelopeRe[0] *= 0.5f;
-  const uint32_t p = static_cast<uint32_t>(lifter);
-  std::memset(envelopeRe + p, 0, sizeof(float) * (kBins - p));
+  // Magnitudes first (square roots stay scalar), then the logarithms vectorised.
+  for (uint32_t n = 0; n < kBins; ++n) logMagnitude[n] = std::sqrt(sRe[n] * sRe[n] + sIm[n] * sIm[n]);
+  for (uint32_t n = 0; n < kBins; ++n) logMagnitude[n] = voiceLog(logMagnitude[n] + 0.000001f);
+  // Real cepstrum of the log spectrum, kept one-sided up to the lifter with
+  // element 0 halved: the real part of its transform is half the smoothed log
+  // magnitude, so exp(2 (Ev - Ec)) is the ratio of the two envelopes.
   std::memset(envelopeIm, 0, sizeof(float) * kBins);
-  fft.inverse(envelopeRe, envelopeIm, cepstrum);
-  std::memcpy(envelope, cepstrum, sizeof(float) * kBins);
+  fft.inverse(logMagnitude, envelopeIm, cepstrum);
+  cepstrum[0] *= 0.5f;
+  const uint32_t p = static_cast<uint32_t>(lifter);
+  std::memset(cepstrum + p, 0, sizeof(float) * (kFrameSize - p));
+  fft.forward(cepstrum, envelope, envelopeIm);
 }
 
 void VoiceCarrierProcessor::processFrames(uint32_t channelCount) {
@@ -201,7 +194,7 @@ void VoiceCarrierProcessor::processFrames(uint32_t channelCount) {
     envelopeOf(voiceRe, voiceIm, lifterB, voiceEnvelope);
 
     for (uint32_t n = 0; n < kBins; ++n) {
-      float g = std::exp(2.0f * (voiceEnvelope[n] - ec[n]));
+      float g = voiceExp(2.0f * (voiceEnvelope[n] - ec[n]));
       g = g < kGainFloor ? 0.0f : g;
       voiceRe[n] = g * sRe[n];
       voiceIm[n] = g * sIm[n];

@@ -87,7 +87,6 @@ struct VoiceCarrierProcessor {
   float* voiceEnvelope;
   float* logMagnitude;
   float* cepstrum;
-  float* envelopeRe;
   float* envelopeIm;
   CookbookBiquad preFilter[kMaxChannels];
   VoiceFrameRing carrierRings[kMaxChannels];  // pre-filtered carrier input; output unused

@@ -149,41 +149,51 @@ void VoicePitchShifter::processFrame(uint32_t c) {
   im[0] = 0.0f;
   im[kBins - 1] = 0.0f;
 
-  float* previous = previousPhase[c];
-  float* psi = synthesisPhase[c];
-  constexpr uint32_t first = 1, last = kBins - 1;  // bins 1 .. 1023
+  // Bins 1 .. 1023. The new phase is applied by rotating each bin by
+  // (target - analysis phase), which keeps the loops free of square roots
+  // and lets them vectorise.
+  float* __restrict bre = re + 1;
+  float* __restrict bim = im + 1;
+  constexpr uint32_t count = kBins - 2;
   if (mode == kVoicePitchNatural) {
+    float* __restrict previous = previousPhase[c] + 1;
+    float* __restrict psi = synthesisPhase[c] + 1;
+    const float* __restrict e = expected + 1;
     const float stretch = static_cast<float>(kSynthesisHop) / static_cast<float>(k);
-    for (uint32_t n = first; n < last; ++n) {
-      const float magnitude = std::sqrt(re[n] * re[n] + im[n] * im[n]);
-      const float phase = voiceAtan2(im[n], re[n]);
-      const float advance = expected[n] + voiceWrap(phase - previous[n] - expected[n]);
+    for (uint32_t n = 0; n < count; ++n) {
+      const float phase = voiceAtan2(bim[n], bre[n]);
+      const float advance = e[n] + voiceWrap(phase - previous[n] - e[n]);
       previous[n] = phase;
       const float next = voiceWrap(psi[n] + advance * stretch);
       psi[n] = next;
       float s, co;
-      voiceSinCos(next, &s, &co);
-      re[n] = magnitude * co;
-      im[n] = magnitude * s;
+      voiceSinCos(next - phase, &s, &co);
+      const float r = bre[n], i = bim[n];
+      bre[n] = r * co - i * s;
+      bim[n] = r * s + i * co;
     }
   } else if (mode == kVoicePitchPhaseFree) {
-    for (uint32_t n = first; n < last; ++n) {
-      re[n] = std::sqrt(re[n] * re[n] + im[n] * im[n]);
-      im[n] = 0.0f;
+    for (uint32_t n = 0; n < count; ++n) {
+      bre[n] = std::sqrt(bre[n] * bre[n] + bim[n] * bim[n]);
+      bim[n] = 0.0f;
     }
   } else {
+    // The generator is serial; draw the angles first, rotate in a second pass.
+    float* __restrict angle = resampled;
     uint32_t state = random[c];
     constexpr float scale = 2.0f * std::numbers::pi_v<float> / 32767.0f;
-    for (uint32_t n = first; n < last; ++n) {
+    for (uint32_t n = 0; n < count; ++n) {
       state = state * 1103515245u + 12345u;
-      const float angle = voiceWrap(scale * static_cast<float>((state >> 16) & 0x7FFFu));
-      const float magnitude = std::sqrt(re[n] * re[n] + im[n] * im[n]);
-      float s, co;
-      voiceSinCos(angle, &s, &co);
-      re[n] = magnitude * co;
-      im[n] = magnitude * s;
+      angle[n] = scale * static_cast<float>((state >> 16) & 0x7FFFu);
     }
     random[c] = state;
+    for (uint32_t n = 0; n < count; ++n) {
+      float s, co;
+      voiceSinCos(angle[n] - voiceAtan2(bim[n], bre[n]), &s, &co);
+      const float r = bre[n], i = bim[n];
+      bre[n] = r * co - i * s;
+      bim[n] = r * s + i * co;
+    }
   }
 
   fft.inverse(re, im, frame);

@@ -5,6 +5,7 @@
 
 #include "dsp/core/hann_window.h"
 #include "dsp/voice/voice_fft.h"
+#include "dsp/voice/voice_math.h"
 
 namespace qor {
 
@@ -102,9 +103,9 @@ void VoiceSpectralProcessor::processFrame(uint32_t c) {
   for (uint32_t i = 0; i < kFrameSize; ++i) frame[i] *= window[i];
   fft.forward(frame, re, im);
 
-  for (uint32_t n = 0; n < kBins; ++n) {
-    logMagnitude[n] = std::log(std::sqrt(re[n] * re[n] + im[n] * im[n]) + 0.000001f);
-  }
+  // Magnitudes first (square roots stay scalar), then the logarithms vectorised.
+  for (uint32_t n = 0; n < kBins; ++n) logMagnitude[n] = std::sqrt(re[n] * re[n] + im[n] * im[n]);
+  for (uint32_t n = 0; n < kBins; ++n) logMagnitude[n] = voiceLog(logMagnitude[n] + 0.000001f);
   // Real cepstrum, kept one-sided up to the lifter with element 0 halved: the
   // real part of its transform is then half the smoothed log magnitude, which
   // the doubled exponent below restores.
@@ -116,11 +117,14 @@ void VoiceSpectralProcessor::processFrame(uint32_t c) {
   fft.forward(cepstrum, cepstrumRe, cepstrumIm);
 
   const float* envelope = cepstrumRe;
+  float* target = cepstrumIm;  // free again: only the real part is the envelope
   const float nyquistLog = logMagnitude[kNyquist];
   for (uint32_t n = 0; n < kBins; ++n) {
     const uint32_t m = warpMap[n];
-    const float target = m >= kNyquist ? nyquistLog : envelope[m];
-    const float g = std::exp(2.0f * (target - envelope[n]));
+    target[n] = m >= kNyquist ? nyquistLog : envelope[m];
+  }
+  for (uint32_t n = 0; n < kBins; ++n) {
+    const float g = voiceExp(2.0f * (target[n] - envelope[n]));
     re[n] *= g;
     im[n] *= g;
   }
