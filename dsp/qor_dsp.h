@@ -7,3 +7,6 @@
 #include "dsp/core/metering.h"
 #include "dsp/noise/noise_reduction.h"
 #include "dsp/voice/vocal_changer.h"
+#include "dsp/voice/ring_modulator.h"
+#include "dsp/voice/delay.h"
+#include "dsp/voice/flanger_phaser.h"
