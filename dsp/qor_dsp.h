@@ -16,3 +16,8 @@
 #include "dsp/voice/flanger_phaser.h"
 #include "dsp/voice/reverb.h"
 #include "dsp/voice/sample_rate_converter.h"
+#include "dsp/noise/noise_reduction.h"
+#include "dsp/voice/vocal_changer.h"
+#include "dsp/voice/ring_modulator.h"
+#include "dsp/voice/delay.h"
+#include "dsp/voice/flanger_phaser.h"
