@@ -22,6 +22,11 @@ constexpr double kSeconds = 6.0;
 constexpr double kSeconds = 60.0;
 #endif
 
+// Band-limited interpolation of a signal limited sample by sample shows
+// inter-sample peaks above the limit; for programme material they stay within
+// a few dB.
+constexpr float kConverterOvershoot = 1.5f;
+
 float uniform(std::mt19937& gen, float lo, float hi) { return std::uniform_real_distribution<float>(lo, hi)(gen); }
 int32_t pick(std::mt19937& gen, int32_t lo, int32_t hi) { return std::uniform_int_distribution<int32_t>(lo, hi)(gen); }
 uint8_t coin(std::mt19937& gen) { return static_cast<uint8_t>(gen() % 2); }
@@ -124,11 +129,14 @@ TEST_P(Calvera2Soak, RandomSettingsAtEveryHostRate) {
     QorCalvera2Parameters now{};
     ASSERT_EQ(qorCalvera2GetParameters(chain.inst(), &now), R::Success);
     // The limiter bounds the processed signal; the output gain is at most 0 dB
-    // and the bypass crossfade only mixes with the (bounded) input.
+    // and the bypass crossfade only mixes with the (bounded) input. At other
+    // rates the output converter comes after the limiter and brings out the
+    // limited signal's inter-sample peaks.
+    const float bound = rate == 48000 ? 1.0f : kConverterOvershoot;
     for (uint32_t c = 0; c < 2; ++c) {
       for (uint32_t i = 0; i < block; ++i) {
         ASSERT_TRUE(std::isfinite(io[c][i])) << "block " << b << " channel " << c;
-        ASSERT_LE(std::fabs(io[c][i]), 1.0f) << "block " << b << " channel " << c;
+        ASSERT_LE(std::fabs(io[c][i]), bound) << "block " << b << " channel " << c;
       }
     }
   }

@@ -29,10 +29,15 @@ TEST(FrameGeometry, At48kHzWithBlocksSmallerThanAFrame) {
   EXPECT_EQ(g.inputPrefill, 256u);
   EXPECT_EQ(g.outputPrefill, 0u);
   EXPECT_EQ(g.prefillLatency, 256);
-  // Whole frames of host blocks.
+  // Host blocks of whole frames: a frame is not a whole host block, so the
+  // output FIFO holds one of each.
   ASSERT_EQ(qor::computeFrameGeometry(48000, 512, g), 0);
   EXPECT_EQ(g.inputFifoCapacity, 512u);
-  EXPECT_EQ(g.outputFifoCapacity, 512u);
+  EXPECT_EQ(g.outputFifoCapacity, 768u);
+  ASSERT_EQ(qor::computeFrameGeometry(48000, 256, g), 0);
+  EXPECT_EQ(g.inputFifoCapacity, 256u);
+  EXPECT_EQ(g.outputFifoCapacity, 256u);
+  EXPECT_EQ(g.prefillLatency, 0);
 }
 
 TEST(FrameGeometry, At44100HzWithTenMillisecondBlocks) {

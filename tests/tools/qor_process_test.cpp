@@ -22,6 +22,7 @@
 #include "qor_process/options.h"
 #include "qor_process/parameter_fields.h"
 #include "qor_process/presets.h"
+#include "support/audio_buffers.h"
 #include "support/signals.h"
 
 namespace {
@@ -91,7 +92,7 @@ TEST(QorProcessFields, DefaultsLieInsideTheListedRangesAndRoundTrip) {
     std::ostringstream max;
     max << f.max;
     ASSERT_TRUE(setParameterField(q, f, max.str(), error)) << f.path << ": " << error;
-    EXPECT_EQ(std::stod(formatParameterField(q, f)), static_cast<double>(static_cast<float>(f.max))) << f.path;
+    EXPECT_EQ(static_cast<float>(std::stod(formatParameterField(q, f))), static_cast<float>(f.max)) << f.path;
     for (const ParameterField& other : parameterFields()) {
       if (&other != &f && other.offset != f.offset) {
         ASSERT_EQ(formatParameterField(q, other), formatParameterField(p, other)) << f.path << " touched " << other.path;

@@ -72,9 +72,13 @@ bool writeAudioFile(const std::string& path, const AudioData& audio, int sourceF
   }
 
   const std::filesystem::path target(path);
-  const std::string temporary =
-      (target.parent_path() / ("." + target.filename().string() + ".partial-" + std::to_string(getpid())))
-          .string();
+  // A hidden sibling, renamed into place only when complete.
+  std::filesystem::path temporaryPath = target;
+  std::string hidden(1, '.');
+  hidden += target.filename().string();
+  temporaryPath.replace_filename(hidden);
+  temporaryPath += ".partial-" + std::to_string(getpid());
+  const std::string temporary = temporaryPath.string();
   SNDFILE* f = sf_open(temporary.c_str(), SFM_WRITE, &info);
   if (f == nullptr) {
     error = "cannot write '" + path + "': " + sf_strerror(nullptr);
