@@ -41,6 +41,20 @@ std::string formatMeterTable(const std::vector<MeterSnapshot>& meters) {
       out += line;
       continue;
     }
+    if (m.count > 2) {
+      // Per-band readings (the noise reduction's 32 bands): their spread.
+      float lo[2] = {1e30f, 1e30f}, hi[2] = {-1e30f, -1e30f};
+      for (uint32_t e = 0; e < m.count; ++e) {
+        for (int k = 0; k < 2; ++k) {
+          lo[k] = std::min(lo[k], m.values[3 * e + k]);
+          hi[k] = std::max(hi[k], m.values[3 * e + k]);
+        }
+      }
+      std::snprintf(line, sizeof line, "%-50s %-7s %u bands: %s .. %s / %s .. %s dB\n", m.name, "-", m.count,
+                    db(lo[0]).c_str(), db(hi[0]).c_str(), db(lo[1]).c_str(), db(hi[1]).c_str());
+      out += line;
+      continue;
+    }
     for (uint32_t c = 0; c < m.count; ++c) {
       const std::string channel = m.count == 1 ? "-" : (c == 0 ? "left" : c == 1 ? "right" : std::to_string(c));
       std::snprintf(line, sizeof line, "%-50s %-7s %9s %9s\n", c == 0 ? m.name : "", channel.c_str(),
