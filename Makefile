@@ -22,6 +22,13 @@ mingw: bootstrap
 	cmake --build --preset mingw -j $(JOBS)
 	ctest --preset mingw
 
+# A noisy spoken sample through the chain with several presets; results,
+# meter tables and spectrograms land in demo-out/.
+demo: bootstrap
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target qor-process
+	scripts/demo
+
 bench: bootstrap
 	cmake --preset release
 	cmake --build --preset release -j $(JOBS)
