@@ -1,5 +1,6 @@
 // A program outside the repository: only the installed umbrella header and
-// library. It runs a level meter over a block and checks the reading.
+// library. It runs a level meter over a block and checks the reading, then
+// starts the whole voice chain and runs a block through it.
 #include <qor_dsp.h>
 
 #include <cmath>
@@ -34,5 +35,26 @@ int main() {
   qorMeteringRelease(inst);
   std::free(block);
   std::printf("peak %.2f dB\n", peak);
-  return std::fabs(peak - 20.0f * std::log10(0.5f)) < 0.01f ? 0 : 6;
+  if (std::fabs(peak - 20.0f * std::log10(0.5f)) >= 0.01f) return 6;
+
+  using namespace QorCalvera2_API_V1;
+  QorCalvera2Config chain{};
+  chain.inputSampleRate = chain.outputSampleRate = 48000;
+  chain.inputBlockSize = chain.outputBlockSize = 256;
+  chain.inputChannels = 1;
+  chain.outputChannels = 2;
+  if (qorCalvera2GetDefaultParameters(&chain.parameters) != QorCalvera2Result::Success) return 7;
+  if (qorCalvera2GetInstanceSize(&chain, &size) != QorCalvera2Result::Success) return 8;
+  block = std::aligned_alloc(32, (size + 31) / 32 * 32);
+  std::memset(block, 0, size);
+  auto* voice = static_cast<QorCalvera2Inst*>(block);
+  if (qorCalvera2Init(voice, &chain) != QorCalvera2Result::Success) return 9;
+  alignas(32) float left[256] = {};
+  alignas(32) float right[256] = {};
+  float* stereo[] = {left, right};
+  if (qorCalvera2Process(voice, stereo) != QorCalvera2Result::Success) return 10;
+  qorCalvera2Release(voice);
+  std::free(block);
+  std::printf("voice chain ran\n");
+  return 0;
 }
