@@ -23,14 +23,16 @@ const std::vector<Preset>& table() {
        {"vocalChanger.enable=1", "vocalChanger.voice1Type=4", "ringModulator.enable=1",
         "ringModulator.frequency=60", "ringModulator.mix=0.5"}},
       {"deep",
-       "deep voice: an octave down, with a touch of room",
+       "deep voice: a fifth down, with a touch of room",
        {"vocalChanger.enable=1", "vocalChanger.voice1Type=2", "vocalChanger.voice1PitchCents=-700",
         "reverb.enable=1", "reverb.roomType=1", "reverb.mix=0.15"}},
       {"cave",
        "cave: long dark reverb and a slow echo",
        {"reverb.enable=1", "reverb.roomType=9", "reverb.roomSize=1", "reverb.lowDecayMs=5000",
         "reverb.highDecayMs=1500", "reverb.mix=0.45", "delay.enable=1", "delay.delayTimeLeftMs=450",
-        "delay.delayTimeRightMs=600", "delay.feedback=0.35", "delay.mix=0.3", "delay.filterPreset=1"}},
+        "delay.delayTimeRightMs=600", "delay.feedback=0.35", "delay.mix=0.3", "delay.filterPreset=1",
+        // The wet mixes sit below the dry voice; bring the whole back up.
+        "outputGain=6"}},
   };
   return kPresets;
 }
