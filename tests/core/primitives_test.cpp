@@ -441,3 +441,23 @@ TEST(CookbookBiquad, TickAndBlockProcessingAgree) {
 }
 
 }  // namespace
+
+namespace {
+
+// The vector path must give exactly what the plain definition gives, tails,
+// offsets and NaN samples included.
+TEST(PeakDetector, BlockPeakEqualsThePlainMaximumEverywhere) {
+  std::vector<float> x = qor::test::whiteNoise(301, 17, 2.0);
+  x[7] = std::nanf("");
+  x[200] = -3.5f;
+  for (uint32_t start : {0u, 1u, 5u}) {
+    for (uint32_t n : {0u, 3u, 15u, 16u, 17u, 64u, 250u, 296u}) {
+      const float* ch[] = {x.data()};
+      float plain = 0.0f;
+      for (uint32_t i = start; i < start + n; ++i) plain = std::max(plain, std::fabs(x[i]));
+      ASSERT_EQ(qor::blockPeak(ch, start, n, 1), plain) << start << " " << n;
+    }
+  }
+}
+
+}  // namespace
