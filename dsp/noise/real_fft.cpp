@@ -12,6 +12,18 @@
 #define QOR_FFT_SSE2 0
 #endif
 
+// The library is built for baseline x86-64; the eight-lane passes are
+// compiled for AVX function by function and run only when fftInit found it.
+// No FMA: fused products would round differently from the four-lane path.
+#if QOR_FFT_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <cpuid.h>
+#include <immintrin.h>
+#define QOR_FFT_AVX 1
+#define QOR_AVX __attribute__((target("avx")))
+#else
+#define QOR_FFT_AVX 0
+#endif
+
 // An N-point real transform runs as an N/2-point complex transform on the
 // even/odd samples (split re/im arrays in the scratch), followed by the usual
 // half-length untangling step. The complex part is decimation in time: a
@@ -367,9 +379,176 @@ void radix4Stages(const float* twiddleBase, uint32_t stage, uint32_t m, float* z
   }
 }
 
+
+#if QOR_FFT_AVX
+// ---- eight-lane versions of the hot passes (AVX, no FMA) ----
+using W = __m256;
+
+QOR_AVX inline W join(__m128 lo, __m128 hi) {
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(lo), hi, 1);
+}
+QOR_AVX inline W zero8() { return _mm256_setzero_ps(); }
+QOR_AVX inline W reverse8(W a) {
+  const W swapped = _mm256_permute2f128_ps(a, a, 1);
+  return _mm256_permute_ps(swapped, _MM_SHUFFLE(0, 1, 2, 3));
+}
+// Eight (x, y) pairs at p into x and y vectors.
+QOR_AVX inline void loadPairs8(const float* p, W& x, W& y) {
+  const W a = join(_mm_loadu_ps(p), _mm_loadu_ps(p + 8));       // pairs 0 1 | 4 5
+  const W b = join(_mm_loadu_ps(p + 4), _mm_loadu_ps(p + 12));  // pairs 2 3 | 6 7
+  x = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  y = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+QOR_AVX inline void storePairs8(float* p, W x, W y) {
+  const W lo = _mm256_unpacklo_ps(x, y), hi = _mm256_unpackhi_ps(x, y);
+  _mm256_storeu_ps(p, _mm256_permute2f128_ps(lo, hi, 0x20));
+  _mm256_storeu_ps(p + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+}
+
+// Twiddles e^(-2 pi i j / L) for j = j0 .. j0 + 7 (j0 a multiple of 8), the
+// same values twiddles4 gives.
+QOR_AVX inline void twiddles8(const Stage& st, uint32_t j0, W& wr, W& wi) {
+  if (st.quarter < 8) {
+    V r0, i0, r1, i1;
+    twiddles4(st, j0, r0, i0);
+    twiddles4(st, j0 + 4, r1, i1);
+    wr = join(r0, r1);
+    wi = join(i0, i1);
+    return;
+  }
+  const uint32_t r = j0 & (st.quarter - 1);
+  W c, s;
+  // Entry 0 is implicit (1, 0); the pair below it is read and replaced.
+  loadPairs8(st.table + 2 * r, c, s);
+  if (r == 0) {
+    c = _mm256_blend_ps(c, _mm256_set1_ps(1.0f), 1);
+    s = _mm256_blend_ps(s, zero8(), 1);
+  }
+  switch (j0 >> st.quarterBits) {
+    case 0: wr = c; wi = s; break;
+    case 1: wr = s; wi = _mm256_sub_ps(zero8(), c); break;
+    case 2: wr = _mm256_sub_ps(zero8(), c); wi = _mm256_sub_ps(zero8(), s); break;
+    default: wr = _mm256_sub_ps(zero8(), s); wi = c; break;
+  }
+}
+
+// radix4Stages, eight butterflies wide; needs L/4 >= 8.
+QOR_AVX void radix4Stages8(const float* twiddleBase, uint32_t stage, uint32_t m, float* zr,
+                           float* zi) {
+  const uint32_t q = stage / 4;
+  const Stage half(twiddleBase, stage / 2), full(twiddleBase, stage);
+  for (uint32_t j = 0; j < q; j += 8) {
+    W w2r, w2i, w1r, w1i;
+    twiddles8(half, j, w2r, w2i);
+    twiddles8(full, j, w1r, w1i);
+    const W w3r = _mm256_sub_ps(_mm256_mul_ps(w1r, w2r), _mm256_mul_ps(w1i, w2i));
+    const W w3i = _mm256_add_ps(_mm256_mul_ps(w1r, w2i), _mm256_mul_ps(w1i, w2r));
+    for (uint32_t s = j; s < m; s += stage) {
+      float* r = zr + s;
+      float* i = zi + s;
+      const W d0r = _mm256_loadu_ps(r), d0i = _mm256_loadu_ps(i);
+      W xr = _mm256_loadu_ps(r + q), xi = _mm256_loadu_ps(i + q);
+      const W br = _mm256_sub_ps(_mm256_mul_ps(xr, w2r), _mm256_mul_ps(xi, w2i));
+      const W bi = _mm256_add_ps(_mm256_mul_ps(xr, w2i), _mm256_mul_ps(xi, w2r));
+      xr = _mm256_loadu_ps(r + 2 * q);
+      xi = _mm256_loadu_ps(i + 2 * q);
+      const W cr = _mm256_sub_ps(_mm256_mul_ps(xr, w1r), _mm256_mul_ps(xi, w1i));
+      const W ci = _mm256_add_ps(_mm256_mul_ps(xr, w1i), _mm256_mul_ps(xi, w1r));
+      xr = _mm256_loadu_ps(r + 3 * q);
+      xi = _mm256_loadu_ps(i + 3 * q);
+      const W dr = _mm256_sub_ps(_mm256_mul_ps(xr, w3r), _mm256_mul_ps(xi, w3i));
+      const W di = _mm256_add_ps(_mm256_mul_ps(xr, w3i), _mm256_mul_ps(xi, w3r));
+      const W s0r = _mm256_add_ps(d0r, br), s0i = _mm256_add_ps(d0i, bi);
+      const W s1r = _mm256_sub_ps(d0r, br), s1i = _mm256_sub_ps(d0i, bi);
+      const W s2r = _mm256_add_ps(cr, dr), s2i = _mm256_add_ps(ci, di);
+      const W s3r = _mm256_sub_ps(cr, dr), s3i = _mm256_sub_ps(ci, di);
+      _mm256_storeu_ps(r, _mm256_add_ps(s0r, s2r));
+      _mm256_storeu_ps(i, _mm256_add_ps(s0i, s2i));
+      _mm256_storeu_ps(r + 2 * q, _mm256_sub_ps(s0r, s2r));
+      _mm256_storeu_ps(i + 2 * q, _mm256_sub_ps(s0i, s2i));
+      _mm256_storeu_ps(r + q, _mm256_add_ps(s1r, s3i));
+      _mm256_storeu_ps(i + q, _mm256_sub_ps(s1i, s3r));
+      _mm256_storeu_ps(r + 3 * q, _mm256_sub_ps(s1r, s3i));
+      _mm256_storeu_ps(i + 3 * q, _mm256_add_ps(s1i, s3r));
+    }
+  }
+}
+
+// The forward untangle for k = 1 .. while eight fit below h; returns the next k.
+QOR_AVX uint32_t untangle8(const float* zr, const float* zi, const float* table, uint32_t m,
+                           float* re, float* im) {
+  const uint32_t h = m / 2;
+  const W half = _mm256_set1_ps(0.5f);
+  uint32_t k = 1;
+  for (; k + 7 < h; k += 8) {
+    const W ar = _mm256_loadu_ps(zr + k), ai = _mm256_loadu_ps(zi + k);
+    const W br = reverse8(_mm256_loadu_ps(zr + m - k - 7));
+    const W bi = reverse8(_mm256_loadu_ps(zi + m - k - 7));
+    const W er = _mm256_mul_ps(half, _mm256_add_ps(ar, br));
+    const W ei = _mm256_mul_ps(half, _mm256_sub_ps(ai, bi));
+    const W orr = _mm256_mul_ps(half, _mm256_add_ps(ai, bi));
+    const W oi = _mm256_mul_ps(half, _mm256_sub_ps(br, ar));
+    W wr, wi;
+    loadPairs8(table + 2 * k, wr, wi);
+    const W tr = _mm256_sub_ps(_mm256_mul_ps(wr, orr), _mm256_mul_ps(wi, oi));
+    const W ti = _mm256_add_ps(_mm256_mul_ps(wr, oi), _mm256_mul_ps(wi, orr));
+    _mm256_storeu_ps(re + k, _mm256_add_ps(er, tr));
+    _mm256_storeu_ps(im + k, _mm256_add_ps(ei, ti));
+    _mm256_storeu_ps(re + m - k - 7, reverse8(_mm256_sub_ps(er, tr)));
+    _mm256_storeu_ps(im + m - k - 7, reverse8(_mm256_sub_ps(ti, ei)));
+  }
+  return k;
+}
+
+// The inverse retangle into (im, re) pairs at t, as far as eight fit.
+QOR_AVX uint32_t retangle8(const float* re, const float* im, const float* table, uint32_t m,
+                           float* t) {
+  const uint32_t h = m / 2;
+  uint32_t k = 1;
+  for (; k + 7 < h; k += 8) {
+    const W ar = _mm256_loadu_ps(re + k), ai = _mm256_loadu_ps(im + k);
+    const W br = reverse8(_mm256_loadu_ps(re + m - k - 7));
+    const W bi = reverse8(_mm256_loadu_ps(im + m - k - 7));
+    const W er = _mm256_add_ps(ar, br), ei = _mm256_sub_ps(ai, bi);
+    const W dr = _mm256_sub_ps(ar, br), di = _mm256_add_ps(ai, bi);
+    W wr, wi;
+    loadPairs8(table + 2 * k, wr, wi);
+    const W ur = _mm256_sub_ps(_mm256_mul_ps(wi, dr), _mm256_mul_ps(wr, di));
+    const W ui = _mm256_add_ps(_mm256_mul_ps(wr, dr), _mm256_mul_ps(wi, di));
+    storePairs8(t + 2 * k, _mm256_add_ps(ei, ui), _mm256_add_ps(er, ur));
+    storePairs8(t + 2 * (m - k - 7), reverse8(_mm256_sub_ps(ui, ei)),
+                reverse8(_mm256_sub_ps(er, ur)));
+  }
+  return k;
+}
+
+// Scaled (zi, zr) pairs into output, m a multiple of 8.
+QOR_AVX void interleaveScaled8(const float* zr, const float* zi, uint32_t m, float scale,
+                               float* output) {
+  const W sv = _mm256_set1_ps(scale);
+  for (uint32_t j = 0; j < m; j += 8) {
+    storePairs8(output + 2 * j, _mm256_mul_ps(_mm256_loadu_ps(zi + j), sv),
+                _mm256_mul_ps(_mm256_loadu_ps(zr + j), sv));
+  }
+}
+
+bool avxUsable() {
+  unsigned a = 0, b = 0, c = 0, d = 0;
+  if (__get_cpuid(1, &a, &b, &c, &d) == 0) return false;
+  if ((c & bit_OSXSAVE) == 0 || (c & bit_AVX) == 0) return false;
+  // The OS must save the upper halves of the registers (XCR0 bits 1, 2).
+  unsigned lo = 0, hi = 0;
+  __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+  return (lo & 6u) == 6u;
+}
+#else
+bool avxUsable() { return false; }
+#endif
+
 // DFT of m >= 4 complex points stored as (re, im) pairs into zr, zi.
 void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m, float* zr,
                       float* zi) {
+  const bool wide = QOR_FFT_AVX && setup.kernel == kFftKernel8;
   uint32_t stage = 8;
   if ((log2Of(m) & 1) != 0 && m >= 32) {
     float h, unused;
@@ -383,7 +562,15 @@ void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m,
       stage = 16;
     }
   }
-  for (; stage * 2 <= m; stage *= 4) radix4Stages(setup.twiddles, stage * 2, m, zr, zi);
+  for (; stage * 2 <= m; stage *= 4) {
+#if QOR_FFT_AVX
+    if (wide && stage >= 16) {
+      radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
+      continue;
+    }
+#endif
+    radix4Stages(setup.twiddles, stage * 2, m, zr, zi);
+  }
 }
 
 float* alignScratch(void* scratch) {
@@ -407,6 +594,9 @@ void forwardPowerOfTwo(const RealFftSetup& setup, const float* input, float* re,
   const float* table = stageTable(setup.twiddles, n);
   const V half = splat(0.5f);
   uint32_t k = 1;
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8) k = untangle8(zr, zi, table, m, re, im);
+#endif
   for (; k + 3 < h; k += 4) {
     const V ar = loadu(zr + k), ai = loadu(zi + k);
     const V br = reverse(loadu(zr + m - k - 3)), bi = reverse(loadu(zi + m - k - 3));
@@ -452,6 +642,9 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
   t[1] = re[0] + re[m];
   const float* table = stageTable(setup.twiddles, n);
   uint32_t k = 1;
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8) k = retangle8(re, im, table, m, t);
+#endif
   for (; k + 3 < h; k += 4) {
     const V ar = loadu(re + k), ai = loadu(im + k);
     const V br = reverse(loadu(re + m - k - 3)), bi = reverse(loadu(im + m - k - 3));
@@ -481,8 +674,15 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
   complexTransform(t, setup, m, zr, zi);
 
   // 1/n is a power of two, so the product equals the division exactly.
+  uint32_t j = 0;
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8 && m >= 8) {
+    interleaveScaled8(zr, zi, m, 1.0f / static_cast<float>(n), output);
+    j = m;
+  }
+#endif
   const V scale = splat(1.0f / static_cast<float>(n));
-  for (uint32_t j = 0; j < m; j += 4) {
+  for (; j < m; j += 4) {
     storePairs(output + 2 * j, mul(load(zi + j), scale), mul(load(zr + j), scale));
   }
 }
@@ -547,6 +747,7 @@ int32_t fftInit(RealFftSetup* setup, uint32_t n) {
 
   unsigned char* base = reinterpret_cast<unsigned char*>(setup);
   setup->size = n;
+  setup->kernel = fftKernel8Available() ? kFftKernel8 : kFftKernel4;
   size_t used = 0;
   constexpr double kTwoPi = 2.0 * std::numbers::pi;
   if (isPowerOfTwo(n)) {
@@ -582,6 +783,16 @@ int32_t fftInit(RealFftSetup* setup, uint32_t n) {
     used = kDirectTableOffset + 8 * static_cast<size_t>(n);
   }
   return used == fftSetupSize(n) ? kFftSuccess : kFftSizeMismatch;
+}
+
+bool fftKernel8Available() { return avxUsable(); }
+
+bool fftUseKernel(RealFftSetup* setup, RealFftKernel kernel) {
+  if (setup == nullptr) return false;
+  if (kernel == kFftKernel8 && !fftKernel8Available()) return false;
+  if (kernel != kFftKernel4 && kernel != kFftKernel8) return false;
+  setup->kernel = kernel;
+  return true;
 }
 
 int32_t fftForward(const RealFftSetup* setup, const float* input, float* re, float* im,
