@@ -432,6 +432,162 @@ QOR_AVX inline void twiddles8(const Stage& st, uint32_t j0, W& wr, W& wi) {
   }
 }
 
+// Two (re, im) pairs at p + a and p + b, one 8-byte load each.
+QOR_AVX inline __m128 twoPairs(const float* p, uint32_t a, uint32_t b) {
+  double da, db;
+  std::memcpy(&da, p + a, 8);
+  std::memcpy(&db, p + b, 8);
+  return _mm_castpd_ps(_mm_set_pd(db, da));
+}
+// Eight complex values stored as pairs at p + i[l] into re and im.
+QOR_AVX inline void gatherPairs8(const float* p, const uint32_t* i, W& re, W& im) {
+  const W a = join(twoPairs(p, i[0], i[1]), twoPairs(p, i[4], i[5]));
+  const W b = join(twoPairs(p, i[2], i[3]), twoPairs(p, i[6], i[7]));
+  re = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  im = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+// 4x4 transposes within each 128-bit half.
+QOR_AVX inline void transposeHalves(W& a, W& b, W& c, W& d) {
+  const W t0 = _mm256_unpacklo_ps(a, b), t1 = _mm256_unpackhi_ps(a, b);
+  const W t2 = _mm256_unpacklo_ps(c, d), t3 = _mm256_unpackhi_ps(c, d);
+  a = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(1, 0, 1, 0));
+  b = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(3, 2, 3, 2));
+  c = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(1, 0, 1, 0));
+  d = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(3, 2, 3, 2));
+}
+// Four-point DFTs of the pairs at i0, i1, i2, i3 (+ shift), eight groups wide,
+// in gatherFirstStages' order of operations.
+QOR_AVX inline void fourPoint8(const float* pairs, const uint32_t* i0, uint32_t shift, uint32_t s1,
+                               uint32_t s2, uint32_t s3, W* yr, W* yi) {
+  uint32_t at[8];
+  W a0r, a0i, a1r, a1i, a2r, a2i, a3r, a3i;
+  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift;
+  gatherPairs8(pairs, at, a0r, a0i);
+  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift + s1;
+  gatherPairs8(pairs, at, a1r, a1i);
+  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift + s2;
+  gatherPairs8(pairs, at, a2r, a2i);
+  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift + s3;
+  gatherPairs8(pairs, at, a3r, a3i);
+  const W s01r = _mm256_add_ps(a0r, a1r), s01i = _mm256_add_ps(a0i, a1i);
+  const W d01r = _mm256_sub_ps(a0r, a1r), d01i = _mm256_sub_ps(a0i, a1i);
+  const W s23r = _mm256_add_ps(a2r, a3r), s23i = _mm256_add_ps(a2i, a3i);
+  const W d23r = _mm256_sub_ps(a2r, a3r), d23i = _mm256_sub_ps(a2i, a3i);
+  yr[0] = _mm256_add_ps(s01r, s23r);
+  yi[0] = _mm256_add_ps(s01i, s23i);
+  yr[1] = _mm256_add_ps(d01r, d23i);
+  yi[1] = _mm256_sub_ps(d01i, d23r);
+  yr[2] = _mm256_sub_ps(s01r, s23r);
+  yi[2] = _mm256_sub_ps(s01i, s23i);
+  yr[3] = _mm256_sub_ps(d01r, d23i);
+  yi[3] = _mm256_add_ps(d01i, d23r);
+}
+
+// gatherFirstStages, eight groups per round; needs m >= 32.
+QOR_AVX void gatherFirstStages8(const float* pairs, const uint32_t* bitReverse, uint32_t m,
+                                float* zr, float* zi) {
+  const uint32_t half = m, quarter = m / 2;
+  for (uint32_t g = 0; g < m / 4; g += 8) {
+    uint32_t i0[8];
+    for (uint32_t l = 0; l < 8; ++l) i0[l] = bitReverse[8 * (g + l)] * 2;
+    W yr[4], yi[4];
+    fourPoint8(pairs, i0, 0, half, quarter, half + quarter, yr, yi);
+    // Afterwards half h of yr[l] is group g + 4h + l; groups are four apart in memory.
+    transposeHalves(yr[0], yr[1], yr[2], yr[3]);
+    transposeHalves(yi[0], yi[1], yi[2], yi[3]);
+    float* r = zr + 4 * g;
+    float* i = zi + 4 * g;
+    _mm256_storeu_ps(r, _mm256_permute2f128_ps(yr[0], yr[1], 0x20));
+    _mm256_storeu_ps(r + 8, _mm256_permute2f128_ps(yr[2], yr[3], 0x20));
+    _mm256_storeu_ps(r + 16, _mm256_permute2f128_ps(yr[0], yr[1], 0x31));
+    _mm256_storeu_ps(r + 24, _mm256_permute2f128_ps(yr[2], yr[3], 0x31));
+    _mm256_storeu_ps(i, _mm256_permute2f128_ps(yi[0], yi[1], 0x20));
+    _mm256_storeu_ps(i + 8, _mm256_permute2f128_ps(yi[2], yi[3], 0x20));
+    _mm256_storeu_ps(i + 16, _mm256_permute2f128_ps(yi[0], yi[1], 0x31));
+    _mm256_storeu_ps(i + 24, _mm256_permute2f128_ps(yi[2], yi[3], 0x31));
+  }
+}
+
+// gatherFirstThreeStages, eight groups of eight per round; needs m >= 64.
+QOR_AVX void gatherFirstThreeStages8(const float* pairs, const uint32_t* bitReverse, uint32_t m,
+                                     float* zr, float* zi, float h) {
+  const uint32_t eighth = m / 8 * 2;  // in floats
+  const W hv = _mm256_set1_ps(h);
+  for (uint32_t g = 0; g < m / 8; g += 8) {
+    uint32_t base[8];
+    for (uint32_t l = 0; l < 8; ++l) base[l] = bitReverse[16 * (g + l)] * 2;
+    W yr[4], yi[4], zr4[4], zi4[4];
+    fourPoint8(pairs, base, 0, 4 * eighth, 2 * eighth, 6 * eighth, yr, yi);
+    fourPoint8(pairs, base, eighth, 4 * eighth, 2 * eighth, 6 * eighth, zr4, zi4);
+    W tr[4], ti[4];
+    tr[0] = zr4[0];
+    ti[0] = zi4[0];
+    tr[1] = _mm256_mul_ps(hv, _mm256_add_ps(zr4[1], zi4[1]));
+    ti[1] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[1], zr4[1]));
+    tr[2] = zi4[2];
+    ti[2] = _mm256_sub_ps(zero8(), zr4[2]);
+    tr[3] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[3], zr4[3]));
+    ti[3] = _mm256_sub_ps(zero8(), _mm256_mul_ps(hv, _mm256_add_ps(zr4[3], zi4[3])));
+    W lo_r[4], lo_i[4], hi_r[4], hi_i[4];
+    for (int p = 0; p < 4; ++p) {
+      lo_r[p] = _mm256_add_ps(yr[p], tr[p]);
+      lo_i[p] = _mm256_add_ps(yi[p], ti[p]);
+      hi_r[p] = _mm256_sub_ps(yr[p], tr[p]);
+      hi_i[p] = _mm256_sub_ps(yi[p], ti[p]);
+    }
+    transposeHalves(lo_r[0], lo_r[1], lo_r[2], lo_r[3]);
+    transposeHalves(lo_i[0], lo_i[1], lo_i[2], lo_i[3]);
+    transposeHalves(hi_r[0], hi_r[1], hi_r[2], hi_r[3]);
+    transposeHalves(hi_i[0], hi_i[1], hi_i[2], hi_i[3]);
+    // Half h of lo_r[l] holds points 0..3 of group g + 4h + l, hi_r[l] points 4..7.
+    for (uint32_t l = 0; l < 4; ++l) {
+      _mm256_storeu_ps(zr + 8 * (g + l), _mm256_permute2f128_ps(lo_r[l], hi_r[l], 0x20));
+      _mm256_storeu_ps(zr + 8 * (g + 4 + l), _mm256_permute2f128_ps(lo_r[l], hi_r[l], 0x31));
+      _mm256_storeu_ps(zi + 8 * (g + l), _mm256_permute2f128_ps(lo_i[l], hi_i[l], 0x20));
+      _mm256_storeu_ps(zi + 8 * (g + 4 + l), _mm256_permute2f128_ps(lo_i[l], hi_i[l], 0x31));
+    }
+  }
+}
+
+// radix4Stages for L = 16 (four butterflies per block): one block per round,
+// [D0 | D2] and [D1 | D3] in the two halves of two vectors.
+QOR_AVX void radix4Stages16x8(const float* twiddleBase, uint32_t m, float* zr, float* zi) {
+  V w2r, w2i, w1r, w1i;
+  twiddles4(Stage(twiddleBase, 8), 0, w2r, w2i);
+  twiddles4(Stage(twiddleBase, 16), 0, w1r, w1i);
+  const V w3r = sub(mul(w1r, w2r), mul(w1i, w2i));
+  const V w3i = add(mul(w1r, w2i), mul(w1i, w2r));
+  const W wur = join(w2r, w2r), wui = join(w2i, w2i);  // lower half unused
+  const W wvr = join(w1r, w3r), wvi = join(w1i, w3i);
+  const W sign = _mm256_set1_ps(-0.0f);
+  for (uint32_t s = 0; s < m; s += 16) {
+    float* r = zr + s;
+    float* i = zi + s;
+    const W ur = _mm256_loadu_ps(r), ui = _mm256_loadu_ps(i);
+    const W vr = _mm256_loadu_ps(r + 8), vi = _mm256_loadu_ps(i + 8);
+    // [D0 | D2 w^2j] and [D1 w^j | D3 w^3j]; D0 is kept as it is.
+    const W pr = _mm256_blend_ps(ur, _mm256_sub_ps(_mm256_mul_ps(ur, wur), _mm256_mul_ps(ui, wui)), 0xF0);
+    const W pi = _mm256_blend_ps(ui, _mm256_add_ps(_mm256_mul_ps(ur, wui), _mm256_mul_ps(ui, wur)), 0xF0);
+    const W qr = _mm256_sub_ps(_mm256_mul_ps(vr, wvr), _mm256_mul_ps(vi, wvi));
+    const W qi = _mm256_add_ps(_mm256_mul_ps(vr, wvi), _mm256_mul_ps(vi, wvr));
+    const W psr = _mm256_permute2f128_ps(pr, pr, 1), psi = _mm256_permute2f128_ps(pi, pi, 1);
+    const W qsr = _mm256_permute2f128_ps(qr, qr, 1), qsi = _mm256_permute2f128_ps(qi, qi, 1);
+    // Lower halves: s0 = D0 + b, s1 = D0 - b, s2 = c + d, s3 = c - d.
+    const W s0r = _mm256_add_ps(pr, psr), s0i = _mm256_add_ps(pi, psi);
+    const W s1r = _mm256_sub_ps(pr, psr), s1i = _mm256_sub_ps(pi, psi);
+    const W s2r = _mm256_add_ps(qr, qsr), s2i = _mm256_add_ps(qi, qsi);
+    const W s3r = _mm256_sub_ps(qr, qsr), s3i = _mm256_sub_ps(qi, qsi);
+    // [s0 | s1] +- [s2 | -i s3]; -i * s3 = (s3i, -s3r).
+    const W ar = _mm256_permute2f128_ps(s0r, s1r, 0x20), ai = _mm256_permute2f128_ps(s0i, s1i, 0x20);
+    const W br = _mm256_permute2f128_ps(s2r, s3i, 0x20);
+    const W bi = _mm256_permute2f128_ps(s2i, _mm256_xor_ps(s3r, sign), 0x20);
+    _mm256_storeu_ps(r, _mm256_add_ps(ar, br));
+    _mm256_storeu_ps(i, _mm256_add_ps(ai, bi));
+    _mm256_storeu_ps(r + 8, _mm256_sub_ps(ar, br));
+    _mm256_storeu_ps(i + 8, _mm256_sub_ps(ai, bi));
+  }
+}
+
 // radix4Stages, eight butterflies wide; needs L/4 >= 8.
 QOR_AVX void radix4Stages8(const float* twiddleBase, uint32_t stage, uint32_t m, float* zr,
                            float* zi) {
@@ -548,29 +704,37 @@ bool avxUsable() { return false; }
 // DFT of m >= 4 complex points stored as (re, im) pairs into zr, zi.
 void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m, float* zr,
                       float* zi) {
-  const bool wide = QOR_FFT_AVX && setup.kernel == kFftKernel8;
+  const bool odd = (log2Of(m) & 1) != 0;
   uint32_t stage = 8;
-  if ((log2Of(m) & 1) != 0 && m >= 32) {
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8 && m >= 64) {
+    if (odd) {
+      float h, unused;
+      twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
+      gatherFirstThreeStages8(pairs, setup.bitReverse, m, zr, zi, h);
+      stage = 16;
+    } else {
+      gatherFirstStages8(pairs, setup.bitReverse, m, zr, zi);
+      radix4Stages16x8(setup.twiddles, m, zr, zi);
+      stage = 32;
+    }
+    for (; stage * 2 <= m; stage *= 4) radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
+    return;
+  }
+#endif
+  if (odd && m >= 32) {
     float h, unused;
     twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
     gatherFirstThreeStages(pairs, setup.bitReverse, m, zr, zi, h);
     stage = 16;
   } else {
     gatherFirstStages(pairs, setup.bitReverse, m, zr, zi);
-    if ((log2Of(m) & 1) != 0 && m >= 8) {
+    if (odd && m >= 8) {
       radix2Stage8(setup.twiddles, m, zr, zi);
       stage = 16;
     }
   }
-  for (; stage * 2 <= m; stage *= 4) {
-#if QOR_FFT_AVX
-    if (wide && stage >= 16) {
-      radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
-      continue;
-    }
-#endif
-    radix4Stages(setup.twiddles, stage * 2, m, zr, zi);
-  }
+  for (; stage * 2 <= m; stage *= 4) radix4Stages(setup.twiddles, stage * 2, m, zr, zi);
 }
 
 float* alignScratch(void* scratch) {
