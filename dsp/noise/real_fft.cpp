@@ -432,123 +432,6 @@ QOR_AVX inline void twiddles8(const Stage& st, uint32_t j0, W& wr, W& wi) {
   }
 }
 
-// Two (re, im) pairs at p + a and p + b, one 8-byte load each.
-QOR_AVX inline __m128 twoPairs(const float* p, uint32_t a, uint32_t b) {
-  double da, db;
-  std::memcpy(&da, p + a, 8);
-  std::memcpy(&db, p + b, 8);
-  return _mm_castpd_ps(_mm_set_pd(db, da));
-}
-// Eight complex values stored as pairs at p + i[l] into re and im.
-QOR_AVX inline void gatherPairs8(const float* p, const uint32_t* i, W& re, W& im) {
-  const W a = join(twoPairs(p, i[0], i[1]), twoPairs(p, i[4], i[5]));
-  const W b = join(twoPairs(p, i[2], i[3]), twoPairs(p, i[6], i[7]));
-  re = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
-  im = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
-}
-// 4x4 transposes within each 128-bit half.
-QOR_AVX inline void transposeHalves(W& a, W& b, W& c, W& d) {
-  const W t0 = _mm256_unpacklo_ps(a, b), t1 = _mm256_unpackhi_ps(a, b);
-  const W t2 = _mm256_unpacklo_ps(c, d), t3 = _mm256_unpackhi_ps(c, d);
-  a = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(1, 0, 1, 0));
-  b = _mm256_shuffle_ps(t0, t2, _MM_SHUFFLE(3, 2, 3, 2));
-  c = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(1, 0, 1, 0));
-  d = _mm256_shuffle_ps(t1, t3, _MM_SHUFFLE(3, 2, 3, 2));
-}
-// Four-point DFTs of the pairs at i0, i1, i2, i3 (+ shift), eight groups wide,
-// in gatherFirstStages' order of operations.
-QOR_AVX inline void fourPoint8(const float* pairs, const uint32_t* i0, uint32_t shift, uint32_t s1,
-                               uint32_t s2, uint32_t s3, W* yr, W* yi) {
-  uint32_t at[8];
-  W a0r, a0i, a1r, a1i, a2r, a2i, a3r, a3i;
-  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift;
-  gatherPairs8(pairs, at, a0r, a0i);
-  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift + s1;
-  gatherPairs8(pairs, at, a1r, a1i);
-  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift + s2;
-  gatherPairs8(pairs, at, a2r, a2i);
-  for (int l = 0; l < 8; ++l) at[l] = i0[l] + shift + s3;
-  gatherPairs8(pairs, at, a3r, a3i);
-  const W s01r = _mm256_add_ps(a0r, a1r), s01i = _mm256_add_ps(a0i, a1i);
-  const W d01r = _mm256_sub_ps(a0r, a1r), d01i = _mm256_sub_ps(a0i, a1i);
-  const W s23r = _mm256_add_ps(a2r, a3r), s23i = _mm256_add_ps(a2i, a3i);
-  const W d23r = _mm256_sub_ps(a2r, a3r), d23i = _mm256_sub_ps(a2i, a3i);
-  yr[0] = _mm256_add_ps(s01r, s23r);
-  yi[0] = _mm256_add_ps(s01i, s23i);
-  yr[1] = _mm256_add_ps(d01r, d23i);
-  yi[1] = _mm256_sub_ps(d01i, d23r);
-  yr[2] = _mm256_sub_ps(s01r, s23r);
-  yi[2] = _mm256_sub_ps(s01i, s23i);
-  yr[3] = _mm256_sub_ps(d01r, d23i);
-  yi[3] = _mm256_add_ps(d01i, d23r);
-}
-
-// gatherFirstStages, eight groups per round; needs m >= 32.
-QOR_AVX void gatherFirstStages8(const float* pairs, const uint32_t* bitReverse, uint32_t m,
-                                float* zr, float* zi) {
-  const uint32_t half = m, quarter = m / 2;
-  for (uint32_t g = 0; g < m / 4; g += 8) {
-    uint32_t i0[8];
-    for (uint32_t l = 0; l < 8; ++l) i0[l] = bitReverse[8 * (g + l)] * 2;
-    W yr[4], yi[4];
-    fourPoint8(pairs, i0, 0, half, quarter, half + quarter, yr, yi);
-    // Afterwards half h of yr[l] is group g + 4h + l; groups are four apart in memory.
-    transposeHalves(yr[0], yr[1], yr[2], yr[3]);
-    transposeHalves(yi[0], yi[1], yi[2], yi[3]);
-    float* r = zr + 4 * g;
-    float* i = zi + 4 * g;
-    _mm256_storeu_ps(r, _mm256_permute2f128_ps(yr[0], yr[1], 0x20));
-    _mm256_storeu_ps(r + 8, _mm256_permute2f128_ps(yr[2], yr[3], 0x20));
-    _mm256_storeu_ps(r + 16, _mm256_permute2f128_ps(yr[0], yr[1], 0x31));
-    _mm256_storeu_ps(r + 24, _mm256_permute2f128_ps(yr[2], yr[3], 0x31));
-    _mm256_storeu_ps(i, _mm256_permute2f128_ps(yi[0], yi[1], 0x20));
-    _mm256_storeu_ps(i + 8, _mm256_permute2f128_ps(yi[2], yi[3], 0x20));
-    _mm256_storeu_ps(i + 16, _mm256_permute2f128_ps(yi[0], yi[1], 0x31));
-    _mm256_storeu_ps(i + 24, _mm256_permute2f128_ps(yi[2], yi[3], 0x31));
-  }
-}
-
-// gatherFirstThreeStages, eight groups of eight per round; needs m >= 64.
-QOR_AVX void gatherFirstThreeStages8(const float* pairs, const uint32_t* bitReverse, uint32_t m,
-                                     float* zr, float* zi, float h) {
-  const uint32_t eighth = m / 8 * 2;  // in floats
-  const W hv = _mm256_set1_ps(h);
-  for (uint32_t g = 0; g < m / 8; g += 8) {
-    uint32_t base[8];
-    for (uint32_t l = 0; l < 8; ++l) base[l] = bitReverse[16 * (g + l)] * 2;
-    W yr[4], yi[4], zr4[4], zi4[4];
-    fourPoint8(pairs, base, 0, 4 * eighth, 2 * eighth, 6 * eighth, yr, yi);
-    fourPoint8(pairs, base, eighth, 4 * eighth, 2 * eighth, 6 * eighth, zr4, zi4);
-    W tr[4], ti[4];
-    tr[0] = zr4[0];
-    ti[0] = zi4[0];
-    tr[1] = _mm256_mul_ps(hv, _mm256_add_ps(zr4[1], zi4[1]));
-    ti[1] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[1], zr4[1]));
-    tr[2] = zi4[2];
-    ti[2] = _mm256_sub_ps(zero8(), zr4[2]);
-    tr[3] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[3], zr4[3]));
-    ti[3] = _mm256_sub_ps(zero8(), _mm256_mul_ps(hv, _mm256_add_ps(zr4[3], zi4[3])));
-    W lo_r[4], lo_i[4], hi_r[4], hi_i[4];
-    for (int p = 0; p < 4; ++p) {
-      lo_r[p] = _mm256_add_ps(yr[p], tr[p]);
-      lo_i[p] = _mm256_add_ps(yi[p], ti[p]);
-      hi_r[p] = _mm256_sub_ps(yr[p], tr[p]);
-      hi_i[p] = _mm256_sub_ps(yi[p], ti[p]);
-    }
-    transposeHalves(lo_r[0], lo_r[1], lo_r[2], lo_r[3]);
-    transposeHalves(lo_i[0], lo_i[1], lo_i[2], lo_i[3]);
-    transposeHalves(hi_r[0], hi_r[1], hi_r[2], hi_r[3]);
-    transposeHalves(hi_i[0], hi_i[1], hi_i[2], hi_i[3]);
-    // Half h of lo_r[l] holds points 0..3 of group g + 4h + l, hi_r[l] points 4..7.
-    for (uint32_t l = 0; l < 4; ++l) {
-      _mm256_storeu_ps(zr + 8 * (g + l), _mm256_permute2f128_ps(lo_r[l], hi_r[l], 0x20));
-      _mm256_storeu_ps(zr + 8 * (g + 4 + l), _mm256_permute2f128_ps(lo_r[l], hi_r[l], 0x31));
-      _mm256_storeu_ps(zi + 8 * (g + l), _mm256_permute2f128_ps(lo_i[l], hi_i[l], 0x20));
-      _mm256_storeu_ps(zi + 8 * (g + 4 + l), _mm256_permute2f128_ps(lo_i[l], hi_i[l], 0x31));
-    }
-  }
-}
-
 // radix4Stages for L = 16 (four butterflies per block): one block per round,
 // [D0 | D2] and [D1 | D3] in the two halves of two vectors.
 QOR_AVX void radix4Stages16x8(const float* twiddleBase, uint32_t m, float* zr, float* zi) {
@@ -585,6 +468,97 @@ QOR_AVX void radix4Stages16x8(const float* twiddleBase, uint32_t m, float* zr, f
     _mm256_storeu_ps(i, _mm256_add_ps(ai, bi));
     _mm256_storeu_ps(r + 8, _mm256_sub_ps(ar, br));
     _mm256_storeu_ps(i + 8, _mm256_sub_ps(ai, bi));
+  }
+}
+
+// 8x8 transpose: afterwards a[j] holds lane j of the old a[0..7].
+QOR_AVX inline void transpose8(W* a) {
+  W t[8], u[8];
+  for (int k = 0; k < 8; k += 2) {
+    t[k] = _mm256_unpacklo_ps(a[k], a[k + 1]);
+    t[k + 1] = _mm256_unpackhi_ps(a[k], a[k + 1]);
+  }
+  for (int k = 0; k < 8; k += 4) {
+    u[k] = _mm256_shuffle_ps(t[k], t[k + 2], _MM_SHUFFLE(1, 0, 1, 0));
+    u[k + 1] = _mm256_shuffle_ps(t[k], t[k + 2], _MM_SHUFFLE(3, 2, 3, 2));
+    u[k + 2] = _mm256_shuffle_ps(t[k + 1], t[k + 3], _MM_SHUFFLE(1, 0, 1, 0));
+    u[k + 3] = _mm256_shuffle_ps(t[k + 1], t[k + 3], _MM_SHUFFLE(3, 2, 3, 2));
+  }
+  for (int k = 0; k < 4; ++k) {
+    a[k] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x20);
+    a[k + 4] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x31);
+  }
+}
+
+// Four-point DFT of x[r0], x[r1], x[r2], x[r3] into y[0..3], in gatherFirstStages'
+// order of operations.
+QOR_AVX inline void dft4(const W* xr, const W* xi, int r0, int r1, int r2, int r3, W* yr, W* yi) {
+  const W s01r = _mm256_add_ps(xr[r0], xr[r1]), s01i = _mm256_add_ps(xi[r0], xi[r1]);
+  const W d01r = _mm256_sub_ps(xr[r0], xr[r1]), d01i = _mm256_sub_ps(xi[r0], xi[r1]);
+  const W s23r = _mm256_add_ps(xr[r2], xr[r3]), s23i = _mm256_add_ps(xi[r2], xi[r3]);
+  const W d23r = _mm256_sub_ps(xr[r2], xr[r3]), d23i = _mm256_sub_ps(xi[r2], xi[r3]);
+  yr[0] = _mm256_add_ps(s01r, s23r);
+  yi[0] = _mm256_add_ps(s01i, s23i);
+  yr[1] = _mm256_add_ps(d01r, d23i);
+  yi[1] = _mm256_sub_ps(d01i, d23r);
+  yr[2] = _mm256_sub_ps(s01r, s23r);
+  yi[2] = _mm256_sub_ps(s01i, s23i);
+  yr[3] = _mm256_sub_ps(d01r, d23i);
+  yi[3] = _mm256_add_ps(d01i, d23r);
+}
+
+// Bit-reversed gather fused with the first two (groups of four) or three
+// (groups of eight) stages, one 8x8 tile per round; needs m >= 64. Source
+// pair t + 8c + (m/8) u lands at rev(8c) + rev3(t) m/8 + rev3(u): a tile's
+// rows u are contiguous, and after the butterflies run down the rows, a
+// transpose makes every group contiguous too.
+QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
+                          float* zi, bool threeStages, float h) {
+  const uint32_t rowStride = m / 8 * 2;  // floats
+  // Splitting pairs by shuffles alone leaves t in lane order 0 1 4 5 2 3 6 7;
+  // rev3 of those:
+  constexpr uint32_t kGroupOfLane[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+  const W hv = _mm256_set1_ps(h);
+  for (uint32_t c = 0; c < m / 64; ++c) {
+    const float* src = pairs + 16 * c;
+    W xr[8], xi[8];
+    for (uint32_t u = 0; u < 8; ++u) {
+      const W a = _mm256_loadu_ps(src + u * rowStride), b = _mm256_loadu_ps(src + u * rowStride + 8);
+      xr[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+      xi[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+    }
+    W yr[8], yi[8];
+    dft4(xr, xi, 0, 4, 2, 6, yr, yi);
+    dft4(xr, xi, 1, 5, 3, 7, yr + 4, yi + 4);
+    if (threeStages) {
+      // Twiddles w8^p on the second half: 1, h(1 - i), -i, -h(1 + i).
+      W* zr4 = yr + 4;
+      W* zi4 = yi + 4;
+      W tr[4], ti[4];
+      tr[0] = zr4[0];
+      ti[0] = zi4[0];
+      tr[1] = _mm256_mul_ps(hv, _mm256_add_ps(zr4[1], zi4[1]));
+      ti[1] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[1], zr4[1]));
+      tr[2] = zi4[2];
+      ti[2] = _mm256_sub_ps(zero8(), zr4[2]);
+      tr[3] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[3], zr4[3]));
+      ti[3] = _mm256_sub_ps(zero8(), _mm256_mul_ps(hv, _mm256_add_ps(zr4[3], zi4[3])));
+      for (int p = 0; p < 4; ++p) {
+        const W lr = yr[p], li = yi[p];
+        yr[p] = _mm256_add_ps(lr, tr[p]);
+        yi[p] = _mm256_add_ps(li, ti[p]);
+        yr[p + 4] = _mm256_sub_ps(lr, tr[p]);
+        yi[p + 4] = _mm256_sub_ps(li, ti[p]);
+      }
+    }
+    transpose8(yr);
+    transpose8(yi);
+    const uint32_t base = bitReverse[16 * c];
+    for (uint32_t j = 0; j < 8; ++j) {
+      const uint32_t at = base + kGroupOfLane[j] * (m / 8);
+      _mm256_storeu_ps(zr + at, yr[j]);
+      _mm256_storeu_ps(zi + at, yi[j]);
+    }
   }
 }
 
@@ -711,10 +685,10 @@ void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m,
     if (odd) {
       float h, unused;
       twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
-      gatherFirstThreeStages8(pairs, setup.bitReverse, m, zr, zi, h);
+      gatherTiles8(pairs, setup.bitReverse, m, zr, zi, true, h);
       stage = 16;
     } else {
-      gatherFirstStages8(pairs, setup.bitReverse, m, zr, zi);
+      gatherTiles8(pairs, setup.bitReverse, m, zr, zi, false, 0.0f);
       radix4Stages16x8(setup.twiddles, m, zr, zi);
       stage = 32;
     }
