@@ -432,45 +432,6 @@ QOR_AVX inline void twiddles8(const Stage& st, uint32_t j0, W& wr, W& wi) {
   }
 }
 
-// radix4Stages for L = 16 (four butterflies per block): one block per round,
-// [D0 | D2] and [D1 | D3] in the two halves of two vectors.
-QOR_AVX void radix4Stages16x8(const float* twiddleBase, uint32_t m, float* zr, float* zi) {
-  V w2r, w2i, w1r, w1i;
-  twiddles4(Stage(twiddleBase, 8), 0, w2r, w2i);
-  twiddles4(Stage(twiddleBase, 16), 0, w1r, w1i);
-  const V w3r = sub(mul(w1r, w2r), mul(w1i, w2i));
-  const V w3i = add(mul(w1r, w2i), mul(w1i, w2r));
-  const W wur = join(w2r, w2r), wui = join(w2i, w2i);  // lower half unused
-  const W wvr = join(w1r, w3r), wvi = join(w1i, w3i);
-  const W sign = _mm256_set1_ps(-0.0f);
-  for (uint32_t s = 0; s < m; s += 16) {
-    float* r = zr + s;
-    float* i = zi + s;
-    const W ur = _mm256_loadu_ps(r), ui = _mm256_loadu_ps(i);
-    const W vr = _mm256_loadu_ps(r + 8), vi = _mm256_loadu_ps(i + 8);
-    // [D0 | D2 w^2j] and [D1 w^j | D3 w^3j]; D0 is kept as it is.
-    const W pr = _mm256_blend_ps(ur, _mm256_sub_ps(_mm256_mul_ps(ur, wur), _mm256_mul_ps(ui, wui)), 0xF0);
-    const W pi = _mm256_blend_ps(ui, _mm256_add_ps(_mm256_mul_ps(ur, wui), _mm256_mul_ps(ui, wur)), 0xF0);
-    const W qr = _mm256_sub_ps(_mm256_mul_ps(vr, wvr), _mm256_mul_ps(vi, wvi));
-    const W qi = _mm256_add_ps(_mm256_mul_ps(vr, wvi), _mm256_mul_ps(vi, wvr));
-    const W psr = _mm256_permute2f128_ps(pr, pr, 1), psi = _mm256_permute2f128_ps(pi, pi, 1);
-    const W qsr = _mm256_permute2f128_ps(qr, qr, 1), qsi = _mm256_permute2f128_ps(qi, qi, 1);
-    // Lower halves: s0 = D0 + b, s1 = D0 - b, s2 = c + d, s3 = c - d.
-    const W s0r = _mm256_add_ps(pr, psr), s0i = _mm256_add_ps(pi, psi);
-    const W s1r = _mm256_sub_ps(pr, psr), s1i = _mm256_sub_ps(pi, psi);
-    const W s2r = _mm256_add_ps(qr, qsr), s2i = _mm256_add_ps(qi, qsi);
-    const W s3r = _mm256_sub_ps(qr, qsr), s3i = _mm256_sub_ps(qi, qsi);
-    // [s0 | s1] +- [s2 | -i s3]; -i * s3 = (s3i, -s3r).
-    const W ar = _mm256_permute2f128_ps(s0r, s1r, 0x20), ai = _mm256_permute2f128_ps(s0i, s1i, 0x20);
-    const W br = _mm256_permute2f128_ps(s2r, s3i, 0x20);
-    const W bi = _mm256_permute2f128_ps(s2i, _mm256_xor_ps(s3r, sign), 0x20);
-    _mm256_storeu_ps(r, _mm256_add_ps(ar, br));
-    _mm256_storeu_ps(i, _mm256_add_ps(ai, bi));
-    _mm256_storeu_ps(r + 8, _mm256_sub_ps(ar, br));
-    _mm256_storeu_ps(i + 8, _mm256_sub_ps(ai, bi));
-  }
-}
-
 // 8x8 transpose: afterwards a[j] holds lane j of the old a[0..7].
 QOR_AVX inline void transpose8(W* a) {
   W t[8], u[8];
@@ -507,13 +468,13 @@ QOR_AVX inline void dft4(const W* xr, const W* xi, int r0, int r1, int r2, int r
   yi[3] = _mm256_add_ps(d01i, d23r);
 }
 
-// Bit-reversed gather fused with the first two (groups of four) or three
-// (groups of eight) stages, one 8x8 tile per round; needs m >= 64. Source
+// Bit-reversed gather fused with the first three stages (groups of eight),
+// one 8x8 tile per round; needs m >= 64. Source
 // pair t + 8c + (m/8) u lands at rev(8c) + rev3(t) m/8 + rev3(u): a tile's
 // rows u are contiguous, and after the butterflies run down the rows, a
 // transpose makes every group contiguous too.
 QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
-                          float* zi, bool threeStages, float h) {
+                          float* zi, float h) {
   const uint32_t rowStride = m / 8 * 2;  // floats
   // Splitting pairs by shuffles alone leaves t in lane order 0 1 4 5 2 3 6 7;
   // rev3 of those:
@@ -530,26 +491,24 @@ QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32
     W yr[8], yi[8];
     dft4(xr, xi, 0, 4, 2, 6, yr, yi);
     dft4(xr, xi, 1, 5, 3, 7, yr + 4, yi + 4);
-    if (threeStages) {
-      // Twiddles w8^p on the second half: 1, h(1 - i), -i, -h(1 + i).
-      W* zr4 = yr + 4;
-      W* zi4 = yi + 4;
-      W tr[4], ti[4];
-      tr[0] = zr4[0];
-      ti[0] = zi4[0];
-      tr[1] = _mm256_mul_ps(hv, _mm256_add_ps(zr4[1], zi4[1]));
-      ti[1] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[1], zr4[1]));
-      tr[2] = zi4[2];
-      ti[2] = _mm256_sub_ps(zero8(), zr4[2]);
-      tr[3] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[3], zr4[3]));
-      ti[3] = _mm256_sub_ps(zero8(), _mm256_mul_ps(hv, _mm256_add_ps(zr4[3], zi4[3])));
-      for (int p = 0; p < 4; ++p) {
-        const W lr = yr[p], li = yi[p];
-        yr[p] = _mm256_add_ps(lr, tr[p]);
-        yi[p] = _mm256_add_ps(li, ti[p]);
-        yr[p + 4] = _mm256_sub_ps(lr, tr[p]);
-        yi[p + 4] = _mm256_sub_ps(li, ti[p]);
-      }
+    // Twiddles w8^p on the second half: 1, h(1 - i), -i, -h(1 + i).
+    const W* zr4 = yr + 4;
+    const W* zi4 = yi + 4;
+    W tr[4], ti[4];
+    tr[0] = zr4[0];
+    ti[0] = zi4[0];
+    tr[1] = _mm256_mul_ps(hv, _mm256_add_ps(zr4[1], zi4[1]));
+    ti[1] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[1], zr4[1]));
+    tr[2] = zi4[2];
+    ti[2] = _mm256_sub_ps(zero8(), zr4[2]);
+    tr[3] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[3], zr4[3]));
+    ti[3] = _mm256_sub_ps(zero8(), _mm256_mul_ps(hv, _mm256_add_ps(zr4[3], zi4[3])));
+    for (int p = 0; p < 4; ++p) {
+      const W lr = yr[p], li = yi[p];
+      yr[p] = _mm256_add_ps(lr, tr[p]);
+      yi[p] = _mm256_add_ps(li, ti[p]);
+      yr[p + 4] = _mm256_sub_ps(lr, tr[p]);
+      yi[p + 4] = _mm256_sub_ps(li, ti[p]);
     }
     transpose8(yr);
     transpose8(yi);
@@ -558,6 +517,84 @@ QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32
       const uint32_t at = base + kGroupOfLane[j] * (m / 8);
       _mm256_storeu_ps(zr + at, yr[j]);
       _mm256_storeu_ps(zi + at, yi[j]);
+    }
+  }
+}
+
+// For an even number of stages: the tile gather with two stages, fused with
+// the length-16 radix-4 stage. Tiles c and c + m/128 fill the two halves of
+// every block of sixteen, so both are done per round; needs m >= 128.
+QOR_AVX void gatherTilesRadix16x8(const float* pairs, const uint32_t* bitReverse,
+                                  const float* twiddleBase, uint32_t m, float* zr, float* zi) {
+  // Per output point p: w^2p, w^p, w^3p with w = e^(-2 pi i / 16), as radix4Stages has them.
+  V w2r, w2i, w1r, w1i;
+  twiddles4(Stage(twiddleBase, 8), 0, w2r, w2i);
+  twiddles4(Stage(twiddleBase, 16), 0, w1r, w1i);
+  float tw[6][4];
+  store(tw[0], w2r);
+  store(tw[1], w2i);
+  store(tw[2], w1r);
+  store(tw[3], w1i);
+  store(tw[4], sub(mul(w1r, w2r), mul(w1i, w2i)));
+  store(tw[5], add(mul(w1r, w2i), mul(w1i, w2r)));
+  const uint32_t rowStride = m / 8 * 2;  // floats
+  constexpr uint32_t kGroupOfLane[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+  for (uint32_t c = 0; c < m / 128; ++c) {
+    // y[0..3] = D0, y[4..7] = D2, y[8..11] = D1, y[12..15] = D3 of each lane's block.
+    W yr[16], yi[16];
+    for (uint32_t half = 0; half < 2; ++half) {
+      const float* src = pairs + 16 * (c + half * (m / 128));
+      W xr[8], xi[8];
+      for (uint32_t u = 0; u < 8; ++u) {
+        const W a = _mm256_loadu_ps(src + u * rowStride);
+        const W b = _mm256_loadu_ps(src + u * rowStride + 8);
+        xr[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+        xi[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+      }
+      dft4(xr, xi, 0, 4, 2, 6, yr + 8 * half, yi + 8 * half);
+      dft4(xr, xi, 1, 5, 3, 7, yr + 8 * half + 4, yi + 8 * half + 4);
+    }
+    W outr[16], outi[16];
+    for (int p = 0; p < 4; ++p) {
+      const W w2rv = _mm256_set1_ps(tw[0][p]), w2iv = _mm256_set1_ps(tw[1][p]);
+      const W w1rv = _mm256_set1_ps(tw[2][p]), w1iv = _mm256_set1_ps(tw[3][p]);
+      const W w3rv = _mm256_set1_ps(tw[4][p]), w3iv = _mm256_set1_ps(tw[5][p]);
+      const W d0r = yr[p], d0i = yi[p];
+      W xr = yr[4 + p], xi = yi[4 + p];
+      const W br = _mm256_sub_ps(_mm256_mul_ps(xr, w2rv), _mm256_mul_ps(xi, w2iv));
+      const W bi = _mm256_add_ps(_mm256_mul_ps(xr, w2iv), _mm256_mul_ps(xi, w2rv));
+      xr = yr[8 + p];
+      xi = yi[8 + p];
+      const W cr = _mm256_sub_ps(_mm256_mul_ps(xr, w1rv), _mm256_mul_ps(xi, w1iv));
+      const W ci = _mm256_add_ps(_mm256_mul_ps(xr, w1iv), _mm256_mul_ps(xi, w1rv));
+      xr = yr[12 + p];
+      xi = yi[12 + p];
+      const W dr = _mm256_sub_ps(_mm256_mul_ps(xr, w3rv), _mm256_mul_ps(xi, w3iv));
+      const W di = _mm256_add_ps(_mm256_mul_ps(xr, w3iv), _mm256_mul_ps(xi, w3rv));
+      const W s0r = _mm256_add_ps(d0r, br), s0i = _mm256_add_ps(d0i, bi);
+      const W s1r = _mm256_sub_ps(d0r, br), s1i = _mm256_sub_ps(d0i, bi);
+      const W s2r = _mm256_add_ps(cr, dr), s2i = _mm256_add_ps(ci, di);
+      const W s3r = _mm256_sub_ps(cr, dr), s3i = _mm256_sub_ps(ci, di);
+      outr[p] = _mm256_add_ps(s0r, s2r);
+      outi[p] = _mm256_add_ps(s0i, s2i);
+      outr[p + 8] = _mm256_sub_ps(s0r, s2r);
+      outi[p + 8] = _mm256_sub_ps(s0i, s2i);
+      outr[p + 4] = _mm256_add_ps(s1r, s3i);
+      outi[p + 4] = _mm256_sub_ps(s1i, s3r);
+      outr[p + 12] = _mm256_sub_ps(s1r, s3i);
+      outi[p + 12] = _mm256_add_ps(s1i, s3r);
+    }
+    transpose8(outr);
+    transpose8(outr + 8);
+    transpose8(outi);
+    transpose8(outi + 8);
+    const uint32_t base = bitReverse[16 * c];
+    for (uint32_t j = 0; j < 8; ++j) {
+      const uint32_t at = base + kGroupOfLane[j] * (m / 8);
+      _mm256_storeu_ps(zr + at, outr[j]);
+      _mm256_storeu_ps(zr + at + 8, outr[8 + j]);
+      _mm256_storeu_ps(zi + at, outi[j]);
+      _mm256_storeu_ps(zi + at + 8, outi[8 + j]);
     }
   }
 }
@@ -681,15 +718,14 @@ void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m,
   const bool odd = (log2Of(m) & 1) != 0;
   uint32_t stage = 8;
 #if QOR_FFT_AVX
-  if (setup.kernel == kFftKernel8 && m >= 64) {
+  if (setup.kernel == kFftKernel8 && m >= (odd ? 64u : 128u)) {
     if (odd) {
       float h, unused;
       twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
-      gatherTiles8(pairs, setup.bitReverse, m, zr, zi, true, h);
+      gatherTiles8(pairs, setup.bitReverse, m, zr, zi, h);
       stage = 16;
     } else {
-      gatherTiles8(pairs, setup.bitReverse, m, zr, zi, false, 0.0f);
-      radix4Stages16x8(setup.twiddles, m, zr, zi);
+      gatherTilesRadix16x8(pairs, setup.bitReverse, setup.twiddles, m, zr, zi);
       stage = 32;
     }
     for (; stage * 2 <= m; stage *= 4) radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
