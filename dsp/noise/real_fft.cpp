@@ -30,7 +30,9 @@
 // bit-reversed gather fused with the first two or three stages, then pairs of stages
 // fused into radix-4 passes, vectorised four butterflies wide. All twiddles
 // come from the per-stage quarter-wave tables, rotated by -i where a
-// butterfly needs the second or later quadrant.
+// butterfly needs the second or later quadrant. The eight-lane kernel runs
+// the same arithmetic in the same order; its gather works on 8x8 tiles and,
+// for an even stage count, also does the length-16 stage.
 
 namespace qor {
 
@@ -484,7 +486,8 @@ QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32
     const float* src = pairs + 16 * c;
     W xr[8], xi[8];
     for (uint32_t u = 0; u < 8; ++u) {
-      const W a = _mm256_loadu_ps(src + u * rowStride), b = _mm256_loadu_ps(src + u * rowStride + 8);
+      const W a = _mm256_loadu_ps(src + u * rowStride);
+      const W b = _mm256_loadu_ps(src + u * rowStride + 8);
       xr[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
       xi[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
     }
