@@ -434,6 +434,31 @@ QOR_AVX inline void twiddles8(const Stage& st, uint32_t j0, W& wr, W& wi) {
   }
 }
 
+// Where the tile gathers read: complex values as (re, im) pairs at `re` (im
+// null), or split over `re` and `im`.
+struct Rows {
+  const float* re;
+  const float* im;
+};
+
+// Group (rev3 of t) in each lane after loadRow. Pairs split by shuffles alone
+// leave t in lane order 0 1 4 5 2 3 6 7.
+constexpr uint32_t kGroupOfLanePairs[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+constexpr uint32_t kGroupOfLaneSplit[8] = {0, 4, 2, 6, 1, 5, 3, 7};
+
+// Eight complex values from index `first` on.
+QOR_AVX inline void loadRow(Rows src, uint32_t first, W& xr, W& xi) {
+  if (src.im == nullptr) {
+    const W a = _mm256_loadu_ps(src.re + 2 * first);
+    const W b = _mm256_loadu_ps(src.re + 2 * first + 8);
+    xr = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+    xi = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+  } else {
+    xr = _mm256_loadu_ps(src.re + first);
+    xi = _mm256_loadu_ps(src.im + first);
+  }
+}
+
 // 8x8 transpose: afterwards a[j] holds lane j of the old a[0..7].
 QOR_AVX inline void transpose8(W* a) {
   W t[8], u[8];
@@ -475,22 +500,13 @@ QOR_AVX inline void dft4(const W* xr, const W* xi, int r0, int r1, int r2, int r
 // pair t + 8c + (m/8) u lands at rev(8c) + rev3(t) m/8 + rev3(u): a tile's
 // rows u are contiguous, and after the butterflies run down the rows, a
 // transpose makes every group contiguous too.
-QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32_t m, float* zr,
-                          float* zi, float h) {
-  const uint32_t rowStride = m / 8 * 2;  // floats
-  // Splitting pairs by shuffles alone leaves t in lane order 0 1 4 5 2 3 6 7;
-  // rev3 of those:
-  constexpr uint32_t kGroupOfLane[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+QOR_AVX void gatherTiles8(Rows src, const uint32_t* bitReverse, uint32_t m, float* zr, float* zi,
+                          float h) {
+  const uint32_t* groupOfLane = src.im == nullptr ? kGroupOfLanePairs : kGroupOfLaneSplit;
   const W hv = _mm256_set1_ps(h);
   for (uint32_t c = 0; c < m / 64; ++c) {
-    const float* src = pairs + 16 * c;
     W xr[8], xi[8];
-    for (uint32_t u = 0; u < 8; ++u) {
-      const W a = _mm256_loadu_ps(src + u * rowStride);
-      const W b = _mm256_loadu_ps(src + u * rowStride + 8);
-      xr[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
-      xi[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
-    }
+    for (uint32_t u = 0; u < 8; ++u) loadRow(src, 8 * c + u * (m / 8), xr[u], xi[u]);
     W yr[8], yi[8];
     dft4(xr, xi, 0, 4, 2, 6, yr, yi);
     dft4(xr, xi, 1, 5, 3, 7, yr + 4, yi + 4);
@@ -517,7 +533,7 @@ QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32
     transpose8(yi);
     const uint32_t base = bitReverse[16 * c];
     for (uint32_t j = 0; j < 8; ++j) {
-      const uint32_t at = base + kGroupOfLane[j] * (m / 8);
+      const uint32_t at = base + groupOfLane[j] * (m / 8);
       _mm256_storeu_ps(zr + at, yr[j]);
       _mm256_storeu_ps(zi + at, yi[j]);
     }
@@ -527,8 +543,8 @@ QOR_AVX void gatherTiles8(const float* pairs, const uint32_t* bitReverse, uint32
 // For an even number of stages: the tile gather with two stages, fused with
 // the length-16 radix-4 stage. Tiles c and c + m/128 fill the two halves of
 // every block of sixteen, so both are done per round; needs m >= 128.
-QOR_AVX void gatherTilesRadix16x8(const float* pairs, const uint32_t* bitReverse,
-                                  const float* twiddleBase, uint32_t m, float* zr, float* zi) {
+QOR_AVX void gatherTilesRadix16x8(Rows src, const uint32_t* bitReverse, const float* twiddleBase,
+                                  uint32_t m, float* zr, float* zi) {
   // Per output point p: w^2p, w^p, w^3p with w = e^(-2 pi i / 16), as radix4Stages has them.
   V w2r, w2i, w1r, w1i;
   twiddles4(Stage(twiddleBase, 8), 0, w2r, w2i);
@@ -540,20 +556,14 @@ QOR_AVX void gatherTilesRadix16x8(const float* pairs, const uint32_t* bitReverse
   store(tw[3], w1i);
   store(tw[4], sub(mul(w1r, w2r), mul(w1i, w2i)));
   store(tw[5], add(mul(w1r, w2i), mul(w1i, w2r)));
-  const uint32_t rowStride = m / 8 * 2;  // floats
-  constexpr uint32_t kGroupOfLane[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+  const uint32_t* groupOfLane = src.im == nullptr ? kGroupOfLanePairs : kGroupOfLaneSplit;
   for (uint32_t c = 0; c < m / 128; ++c) {
     // y[0..3] = D0, y[4..7] = D2, y[8..11] = D1, y[12..15] = D3 of each lane's block.
     W yr[16], yi[16];
     for (uint32_t half = 0; half < 2; ++half) {
-      const float* src = pairs + 16 * (c + half * (m / 128));
+      const uint32_t first = 8 * (c + half * (m / 128));
       W xr[8], xi[8];
-      for (uint32_t u = 0; u < 8; ++u) {
-        const W a = _mm256_loadu_ps(src + u * rowStride);
-        const W b = _mm256_loadu_ps(src + u * rowStride + 8);
-        xr[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
-        xi[u] = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
-      }
+      for (uint32_t u = 0; u < 8; ++u) loadRow(src, first + u * (m / 8), xr[u], xi[u]);
       dft4(xr, xi, 0, 4, 2, 6, yr + 8 * half, yi + 8 * half);
       dft4(xr, xi, 1, 5, 3, 7, yr + 8 * half + 4, yi + 8 * half + 4);
     }
@@ -593,7 +603,7 @@ QOR_AVX void gatherTilesRadix16x8(const float* pairs, const uint32_t* bitReverse
     transpose8(outi + 8);
     const uint32_t base = bitReverse[16 * c];
     for (uint32_t j = 0; j < 8; ++j) {
-      const uint32_t at = base + kGroupOfLane[j] * (m / 8);
+      const uint32_t at = base + groupOfLane[j] * (m / 8);
       _mm256_storeu_ps(zr + at, outr[j]);
       _mm256_storeu_ps(zr + at + 8, outr[8 + j]);
       _mm256_storeu_ps(zi + at, outi[j]);
@@ -692,6 +702,44 @@ QOR_AVX uint32_t retangle8(const float* re, const float* im, const float* table,
   return k;
 }
 
+// The whole inverse retangle, into split arrays: ta gets what retangle8
+// puts first in each pair, tb the second.
+QOR_AVX void retangleSplit8(const float* re, const float* im, const float* table, uint32_t n,
+                            float* ta, float* tb) {
+  const uint32_t m = n / 2, h = m / 2;
+  ta[0] = re[0] - re[m];
+  tb[0] = re[0] + re[m];
+  uint32_t k = 1;
+  for (; k + 7 < h; k += 8) {
+    const W ar = _mm256_loadu_ps(re + k), ai = _mm256_loadu_ps(im + k);
+    const W br = reverse8(_mm256_loadu_ps(re + m - k - 7));
+    const W bi = reverse8(_mm256_loadu_ps(im + m - k - 7));
+    const W er = _mm256_add_ps(ar, br), ei = _mm256_sub_ps(ai, bi);
+    const W dr = _mm256_sub_ps(ar, br), di = _mm256_add_ps(ai, bi);
+    W wr, wi;
+    loadPairs8(table + 2 * k, wr, wi);
+    const W ur = _mm256_sub_ps(_mm256_mul_ps(wi, dr), _mm256_mul_ps(wr, di));
+    const W ui = _mm256_add_ps(_mm256_mul_ps(wr, dr), _mm256_mul_ps(wi, di));
+    _mm256_storeu_ps(ta + k, _mm256_add_ps(ei, ui));
+    _mm256_storeu_ps(tb + k, _mm256_add_ps(er, ur));
+    _mm256_storeu_ps(ta + m - k - 7, reverse8(_mm256_sub_ps(ui, ei)));
+    _mm256_storeu_ps(tb + m - k - 7, reverse8(_mm256_sub_ps(er, ur)));
+  }
+  for (; k < h; ++k) {
+    const float ar = re[k], ai = im[k], br = re[m - k], bi = im[m - k];
+    const float er = ar + br, ei = ai - bi, dr = ar - br, di = ai + bi;
+    float wr, wi;
+    twiddle(table, n, k, wr, wi);
+    const float ur = wi * dr - wr * di, ui = wr * dr + wi * di;
+    ta[k] = ei + ui;
+    tb[k] = er + ur;
+    ta[m - k] = ui - ei;
+    tb[m - k] = er - ur;
+  }
+  ta[h] = -2.0f * im[h];
+  tb[h] = 2.0f * re[h];
+}
+
 // Scaled (zi, zr) pairs into output, m a multiple of 8.
 QOR_AVX void interleaveScaled8(const float* zr, const float* zi, uint32_t m, float scale,
                                float* output) {
@@ -715,26 +763,39 @@ bool avxUsable() {
 bool avxUsable() { return false; }
 #endif
 
+#if QOR_FFT_AVX
+// Whether the eight-lane complex transform (tile gathers included) runs.
+bool wideTransform(const RealFftSetup& setup, uint32_t m) {
+  return setup.kernel == kFftKernel8 && m >= ((log2Of(m) & 1) != 0 ? 64u : 128u);
+}
+
+// DFT of the m complex points in src into zr, zi; wideTransform must hold.
+void complexTransform8(Rows src, const RealFftSetup& setup, uint32_t m, float* zr, float* zi) {
+  uint32_t stage;
+  if ((log2Of(m) & 1) != 0) {
+    float h, unused;
+    twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
+    gatherTiles8(src, setup.bitReverse, m, zr, zi, h);
+    stage = 16;
+  } else {
+    gatherTilesRadix16x8(src, setup.bitReverse, setup.twiddles, m, zr, zi);
+    stage = 32;
+  }
+  for (; stage * 2 <= m; stage *= 4) radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
+}
+#endif
+
 // DFT of m >= 4 complex points stored as (re, im) pairs into zr, zi.
 void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m, float* zr,
                       float* zi) {
-  const bool odd = (log2Of(m) & 1) != 0;
-  uint32_t stage = 8;
 #if QOR_FFT_AVX
-  if (setup.kernel == kFftKernel8 && m >= (odd ? 64u : 128u)) {
-    if (odd) {
-      float h, unused;
-      twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
-      gatherTiles8(pairs, setup.bitReverse, m, zr, zi, h);
-      stage = 16;
-    } else {
-      gatherTilesRadix16x8(pairs, setup.bitReverse, setup.twiddles, m, zr, zi);
-      stage = 32;
-    }
-    for (; stage * 2 <= m; stage *= 4) radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
+  if (wideTransform(setup, m)) {
+    complexTransform8(Rows{pairs, nullptr}, setup, m, zr, zi);
     return;
   }
 #endif
+  const bool odd = (log2Of(m) & 1) != 0;
+  uint32_t stage = 8;
   if (odd && m >= 32) {
     float h, unused;
     twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
@@ -815,9 +876,18 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
 
   // Retangle into 2 Z: Z[k] = E + i conj(w^k) D, Z[m-k] = conj(E - i conj(w^k) D)
   // with E = X[k] + conj X[m-k], D = X[k] - conj X[m-k].
+  const float* table = stageTable(setup.twiddles, n);
+#if QOR_FFT_AVX
+  if (wideTransform(setup, m)) {
+    // Split halves of t: no interleaving on the way out or back in.
+    retangleSplit8(re, im, table, n, t, t + m);
+    complexTransform8(Rows{t, t + m}, setup, m, zr, zi);
+    interleaveScaled8(zr, zi, m, 1.0f / static_cast<float>(n), output);
+    return;
+  }
+#endif
   t[0] = re[0] - re[m];
   t[1] = re[0] + re[m];
-  const float* table = stageTable(setup.twiddles, n);
   uint32_t k = 1;
 #if QOR_FFT_AVX
   if (setup.kernel == kFftKernel8) k = retangle8(re, im, table, m, t);
