@@ -74,13 +74,14 @@ double cpuNanoseconds() {
 
 // Both transforms in the same iteration, alternating, so that load on the
 // machine hits them alike. Counters: CPU ns per forward + inverse pair of
-// each, and ours / FFTW.
-void BM_RealFftRatioToFftw(benchmark::State& state) {
+// each, and ours / FFTW. `fourLanes` pins our fallback kernel.
+void ratioToFftw(benchmark::State& state, bool fourLanes) {
   const auto n = static_cast<uint32_t>(state.range(0));
   qor::bench::Block setupMemory = qor::bench::alignedZeroed(qor::fftSetupSize(n));
   qor::bench::Block scratch = qor::bench::alignedZeroed(qor::fftScratchSize(n));
   auto* setup = reinterpret_cast<qor::RealFftSetup*>(setupMemory.get());
   qor::fftInit(setup, n);
+  if (fourLanes) qor::fftUseKernel(setup, qor::kFftKernel4);
   qor::bench::Block buffers = qor::bench::alignedZeroed(sizeof(float) * (4 * n + 64));
   float* x = reinterpret_cast<float*>(buffers.get());
   float* y = x + n;
@@ -125,7 +126,10 @@ void BM_RealFftRatioToFftw(benchmark::State& state) {
   fftwf_free(out);
   fftwf_free(spectrum);
 }
+void BM_RealFftRatioToFftw(benchmark::State& state) { ratioToFftw(state, false); }
 BENCHMARK(BM_RealFftRatioToFftw)->Arg(1024)->Arg(2048)->Arg(4096);
+void BM_RealFftFourLanesRatioToFftw(benchmark::State& state) { ratioToFftw(state, true); }
+BENCHMARK(BM_RealFftFourLanesRatioToFftw)->Arg(1024)->Arg(2048)->Arg(4096);
 
 void BM_NoiseReduction(benchmark::State& state) {
   using namespace QorNoiseReduction_API_V1;

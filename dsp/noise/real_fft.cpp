@@ -12,13 +12,27 @@
 #define QOR_FFT_SSE2 0
 #endif
 
+// The library is built for baseline x86-64; the eight-lane passes are
+// compiled for AVX function by function and run only when fftInit found it.
+// No FMA: fused products would round differently from the four-lane path.
+#if QOR_FFT_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <cpuid.h>
+#include <immintrin.h>
+#define QOR_FFT_AVX 1
+#define QOR_AVX __attribute__((target("avx")))
+#else
+#define QOR_FFT_AVX 0
+#endif
+
 // An N-point real transform runs as an N/2-point complex transform on the
 // even/odd samples (split re/im arrays in the scratch), followed by the usual
 // half-length untangling step. The complex part is decimation in time: a
 // bit-reversed gather fused with the first two or three stages, then pairs of stages
 // fused into radix-4 passes, vectorised four butterflies wide. All twiddles
 // come from the per-stage quarter-wave tables, rotated by -i where a
-// butterfly needs the second or later quadrant.
+// butterfly needs the second or later quadrant. The eight-lane kernel runs
+// the same arithmetic in the same order; its gather works on 8x8 tiles and,
+// for an even stage count, also does the length-16 stage.
 
 namespace qor {
 
@@ -367,18 +381,429 @@ void radix4Stages(const float* twiddleBase, uint32_t stage, uint32_t m, float* z
   }
 }
 
+
+#if QOR_FFT_AVX
+// ---- eight-lane versions of the hot passes (AVX, no FMA) ----
+using W = __m256;
+
+QOR_AVX inline W join(__m128 lo, __m128 hi) {
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(lo), hi, 1);
+}
+QOR_AVX inline W zero8() { return _mm256_setzero_ps(); }
+QOR_AVX inline W reverse8(W a) {
+  const W swapped = _mm256_permute2f128_ps(a, a, 1);
+  return _mm256_permute_ps(swapped, _MM_SHUFFLE(0, 1, 2, 3));
+}
+// Eight (x, y) pairs at p into x and y vectors.
+QOR_AVX inline void loadPairs8(const float* p, W& x, W& y) {
+  const W a = join(_mm_loadu_ps(p), _mm_loadu_ps(p + 8));       // pairs 0 1 | 4 5
+  const W b = join(_mm_loadu_ps(p + 4), _mm_loadu_ps(p + 12));  // pairs 2 3 | 6 7
+  x = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  y = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+QOR_AVX inline void storePairs8(float* p, W x, W y) {
+  const W lo = _mm256_unpacklo_ps(x, y), hi = _mm256_unpackhi_ps(x, y);
+  _mm256_storeu_ps(p, _mm256_permute2f128_ps(lo, hi, 0x20));
+  _mm256_storeu_ps(p + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+}
+
+// Twiddles e^(-2 pi i j / L) for j = j0 .. j0 + 7 (j0 a multiple of 8), the
+// same values twiddles4 gives.
+QOR_AVX inline void twiddles8(const Stage& st, uint32_t j0, W& wr, W& wi) {
+  if (st.quarter < 8) {
+    V r0, i0, r1, i1;
+    twiddles4(st, j0, r0, i0);
+    twiddles4(st, j0 + 4, r1, i1);
+    wr = join(r0, r1);
+    wi = join(i0, i1);
+    return;
+  }
+  const uint32_t r = j0 & (st.quarter - 1);
+  W c, s;
+  // Entry 0 is implicit (1, 0); the pair below it is read and replaced.
+  loadPairs8(st.table + 2 * r, c, s);
+  if (r == 0) {
+    c = _mm256_blend_ps(c, _mm256_set1_ps(1.0f), 1);
+    s = _mm256_blend_ps(s, zero8(), 1);
+  }
+  switch (j0 >> st.quarterBits) {
+    case 0: wr = c; wi = s; break;
+    case 1: wr = s; wi = _mm256_sub_ps(zero8(), c); break;
+    case 2: wr = _mm256_sub_ps(zero8(), c); wi = _mm256_sub_ps(zero8(), s); break;
+    default: wr = _mm256_sub_ps(zero8(), s); wi = c; break;
+  }
+}
+
+// Where the tile gathers read: complex values as (re, im) pairs at `re` (im
+// null), or split over `re` and `im`.
+struct Rows {
+  const float* re;
+  const float* im;
+};
+
+// Group (rev3 of t) in each lane after loadRow. Pairs split by shuffles alone
+// leave t in lane order 0 1 4 5 2 3 6 7.
+constexpr uint32_t kGroupOfLanePairs[8] = {0, 4, 1, 5, 2, 6, 3, 7};
+constexpr uint32_t kGroupOfLaneSplit[8] = {0, 4, 2, 6, 1, 5, 3, 7};
+
+// Eight complex values from index `first` on.
+QOR_AVX inline void loadRow(Rows src, uint32_t first, W& xr, W& xi) {
+  if (src.im == nullptr) {
+    const W a = _mm256_loadu_ps(src.re + 2 * first);
+    const W b = _mm256_loadu_ps(src.re + 2 * first + 8);
+    xr = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+    xi = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+  } else {
+    xr = _mm256_loadu_ps(src.re + first);
+    xi = _mm256_loadu_ps(src.im + first);
+  }
+}
+
+// 8x8 transpose: afterwards a[j] holds lane j of the old a[0..7].
+QOR_AVX inline void transpose8(W* a) {
+  W t[8], u[8];
+  for (int k = 0; k < 8; k += 2) {
+    t[k] = _mm256_unpacklo_ps(a[k], a[k + 1]);
+    t[k + 1] = _mm256_unpackhi_ps(a[k], a[k + 1]);
+  }
+  for (int k = 0; k < 8; k += 4) {
+    u[k] = _mm256_shuffle_ps(t[k], t[k + 2], _MM_SHUFFLE(1, 0, 1, 0));
+    u[k + 1] = _mm256_shuffle_ps(t[k], t[k + 2], _MM_SHUFFLE(3, 2, 3, 2));
+    u[k + 2] = _mm256_shuffle_ps(t[k + 1], t[k + 3], _MM_SHUFFLE(1, 0, 1, 0));
+    u[k + 3] = _mm256_shuffle_ps(t[k + 1], t[k + 3], _MM_SHUFFLE(3, 2, 3, 2));
+  }
+  for (int k = 0; k < 4; ++k) {
+    a[k] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x20);
+    a[k + 4] = _mm256_permute2f128_ps(u[k], u[k + 4], 0x31);
+  }
+}
+
+// Four-point DFT of x[r0], x[r1], x[r2], x[r3] into y[0..3], in gatherFirstStages'
+// order of operations.
+QOR_AVX inline void dft4(const W* xr, const W* xi, int r0, int r1, int r2, int r3, W* yr, W* yi) {
+  const W s01r = _mm256_add_ps(xr[r0], xr[r1]), s01i = _mm256_add_ps(xi[r0], xi[r1]);
+  const W d01r = _mm256_sub_ps(xr[r0], xr[r1]), d01i = _mm256_sub_ps(xi[r0], xi[r1]);
+  const W s23r = _mm256_add_ps(xr[r2], xr[r3]), s23i = _mm256_add_ps(xi[r2], xi[r3]);
+  const W d23r = _mm256_sub_ps(xr[r2], xr[r3]), d23i = _mm256_sub_ps(xi[r2], xi[r3]);
+  yr[0] = _mm256_add_ps(s01r, s23r);
+  yi[0] = _mm256_add_ps(s01i, s23i);
+  yr[1] = _mm256_add_ps(d01r, d23i);
+  yi[1] = _mm256_sub_ps(d01i, d23r);
+  yr[2] = _mm256_sub_ps(s01r, s23r);
+  yi[2] = _mm256_sub_ps(s01i, s23i);
+  yr[3] = _mm256_sub_ps(d01r, d23i);
+  yi[3] = _mm256_add_ps(d01i, d23r);
+}
+
+// Bit-reversed gather fused with the first three stages (groups of eight),
+// one 8x8 tile per round; needs m >= 64. Source
+// pair t + 8c + (m/8) u lands at rev(8c) + rev3(t) m/8 + rev3(u): a tile's
+// rows u are contiguous, and after the butterflies run down the rows, a
+// transpose makes every group contiguous too.
+QOR_AVX void gatherTiles8(Rows src, const uint32_t* bitReverse, uint32_t m, float* zr, float* zi,
+                          float h) {
+  const uint32_t* groupOfLane = src.im == nullptr ? kGroupOfLanePairs : kGroupOfLaneSplit;
+  const W hv = _mm256_set1_ps(h);
+  for (uint32_t c = 0; c < m / 64; ++c) {
+    W xr[8], xi[8];
+    for (uint32_t u = 0; u < 8; ++u) loadRow(src, 8 * c + u * (m / 8), xr[u], xi[u]);
+    W yr[8], yi[8];
+    dft4(xr, xi, 0, 4, 2, 6, yr, yi);
+    dft4(xr, xi, 1, 5, 3, 7, yr + 4, yi + 4);
+    // Twiddles w8^p on the second half: 1, h(1 - i), -i, -h(1 + i).
+    const W* zr4 = yr + 4;
+    const W* zi4 = yi + 4;
+    W tr[4], ti[4];
+    tr[0] = zr4[0];
+    ti[0] = zi4[0];
+    tr[1] = _mm256_mul_ps(hv, _mm256_add_ps(zr4[1], zi4[1]));
+    ti[1] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[1], zr4[1]));
+    tr[2] = zi4[2];
+    ti[2] = _mm256_sub_ps(zero8(), zr4[2]);
+    tr[3] = _mm256_mul_ps(hv, _mm256_sub_ps(zi4[3], zr4[3]));
+    ti[3] = _mm256_sub_ps(zero8(), _mm256_mul_ps(hv, _mm256_add_ps(zr4[3], zi4[3])));
+    for (int p = 0; p < 4; ++p) {
+      const W lr = yr[p], li = yi[p];
+      yr[p] = _mm256_add_ps(lr, tr[p]);
+      yi[p] = _mm256_add_ps(li, ti[p]);
+      yr[p + 4] = _mm256_sub_ps(lr, tr[p]);
+      yi[p + 4] = _mm256_sub_ps(li, ti[p]);
+    }
+    transpose8(yr);
+    transpose8(yi);
+    const uint32_t base = bitReverse[16 * c];
+    for (uint32_t j = 0; j < 8; ++j) {
+      const uint32_t at = base + groupOfLane[j] * (m / 8);
+      _mm256_storeu_ps(zr + at, yr[j]);
+      _mm256_storeu_ps(zi + at, yi[j]);
+    }
+  }
+}
+
+// For an even number of stages: the tile gather with two stages, fused with
+// the length-16 radix-4 stage. Tiles c and c + m/128 fill the two halves of
+// every block of sixteen, so both are done per round; needs m >= 128.
+QOR_AVX void gatherTilesRadix16x8(Rows src, const uint32_t* bitReverse, const float* twiddleBase,
+                                  uint32_t m, float* zr, float* zi) {
+  // Per output point p: w^2p, w^p, w^3p with w = e^(-2 pi i / 16), as radix4Stages has them.
+  V w2r, w2i, w1r, w1i;
+  twiddles4(Stage(twiddleBase, 8), 0, w2r, w2i);
+  twiddles4(Stage(twiddleBase, 16), 0, w1r, w1i);
+  float tw[6][4];
+  store(tw[0], w2r);
+  store(tw[1], w2i);
+  store(tw[2], w1r);
+  store(tw[3], w1i);
+  store(tw[4], sub(mul(w1r, w2r), mul(w1i, w2i)));
+  store(tw[5], add(mul(w1r, w2i), mul(w1i, w2r)));
+  const uint32_t* groupOfLane = src.im == nullptr ? kGroupOfLanePairs : kGroupOfLaneSplit;
+  for (uint32_t c = 0; c < m / 128; ++c) {
+    // y[0..3] = D0, y[4..7] = D2, y[8..11] = D1, y[12..15] = D3 of each lane's block.
+    W yr[16], yi[16];
+    for (uint32_t half = 0; half < 2; ++half) {
+      const uint32_t first = 8 * (c + half * (m / 128));
+      W xr[8], xi[8];
+      for (uint32_t u = 0; u < 8; ++u) loadRow(src, first + u * (m / 8), xr[u], xi[u]);
+      dft4(xr, xi, 0, 4, 2, 6, yr + 8 * half, yi + 8 * half);
+      dft4(xr, xi, 1, 5, 3, 7, yr + 8 * half + 4, yi + 8 * half + 4);
+    }
+    W outr[16], outi[16];
+    for (int p = 0; p < 4; ++p) {
+      const W w2rv = _mm256_set1_ps(tw[0][p]), w2iv = _mm256_set1_ps(tw[1][p]);
+      const W w1rv = _mm256_set1_ps(tw[2][p]), w1iv = _mm256_set1_ps(tw[3][p]);
+      const W w3rv = _mm256_set1_ps(tw[4][p]), w3iv = _mm256_set1_ps(tw[5][p]);
+      const W d0r = yr[p], d0i = yi[p];
+      W xr = yr[4 + p], xi = yi[4 + p];
+      const W br = _mm256_sub_ps(_mm256_mul_ps(xr, w2rv), _mm256_mul_ps(xi, w2iv));
+      const W bi = _mm256_add_ps(_mm256_mul_ps(xr, w2iv), _mm256_mul_ps(xi, w2rv));
+      xr = yr[8 + p];
+      xi = yi[8 + p];
+      const W cr = _mm256_sub_ps(_mm256_mul_ps(xr, w1rv), _mm256_mul_ps(xi, w1iv));
+      const W ci = _mm256_add_ps(_mm256_mul_ps(xr, w1iv), _mm256_mul_ps(xi, w1rv));
+      xr = yr[12 + p];
+      xi = yi[12 + p];
+      const W dr = _mm256_sub_ps(_mm256_mul_ps(xr, w3rv), _mm256_mul_ps(xi, w3iv));
+      const W di = _mm256_add_ps(_mm256_mul_ps(xr, w3iv), _mm256_mul_ps(xi, w3rv));
+      const W s0r = _mm256_add_ps(d0r, br), s0i = _mm256_add_ps(d0i, bi);
+      const W s1r = _mm256_sub_ps(d0r, br), s1i = _mm256_sub_ps(d0i, bi);
+      const W s2r = _mm256_add_ps(cr, dr), s2i = _mm256_add_ps(ci, di);
+      const W s3r = _mm256_sub_ps(cr, dr), s3i = _mm256_sub_ps(ci, di);
+      outr[p] = _mm256_add_ps(s0r, s2r);
+      outi[p] = _mm256_add_ps(s0i, s2i);
+      outr[p + 8] = _mm256_sub_ps(s0r, s2r);
+      outi[p + 8] = _mm256_sub_ps(s0i, s2i);
+      outr[p + 4] = _mm256_add_ps(s1r, s3i);
+      outi[p + 4] = _mm256_sub_ps(s1i, s3r);
+      outr[p + 12] = _mm256_sub_ps(s1r, s3i);
+      outi[p + 12] = _mm256_add_ps(s1i, s3r);
+    }
+    transpose8(outr);
+    transpose8(outr + 8);
+    transpose8(outi);
+    transpose8(outi + 8);
+    const uint32_t base = bitReverse[16 * c];
+    for (uint32_t j = 0; j < 8; ++j) {
+      const uint32_t at = base + groupOfLane[j] * (m / 8);
+      _mm256_storeu_ps(zr + at, outr[j]);
+      _mm256_storeu_ps(zr + at + 8, outr[8 + j]);
+      _mm256_storeu_ps(zi + at, outi[j]);
+      _mm256_storeu_ps(zi + at + 8, outi[8 + j]);
+    }
+  }
+}
+
+// radix4Stages, eight butterflies wide; needs L/4 >= 8.
+QOR_AVX void radix4Stages8(const float* twiddleBase, uint32_t stage, uint32_t m, float* zr,
+                           float* zi) {
+  const uint32_t q = stage / 4;
+  const Stage half(twiddleBase, stage / 2), full(twiddleBase, stage);
+  for (uint32_t j = 0; j < q; j += 8) {
+    W w2r, w2i, w1r, w1i;
+    twiddles8(half, j, w2r, w2i);
+    twiddles8(full, j, w1r, w1i);
+    const W w3r = _mm256_sub_ps(_mm256_mul_ps(w1r, w2r), _mm256_mul_ps(w1i, w2i));
+    const W w3i = _mm256_add_ps(_mm256_mul_ps(w1r, w2i), _mm256_mul_ps(w1i, w2r));
+    for (uint32_t s = j; s < m; s += stage) {
+      float* r = zr + s;
+      float* i = zi + s;
+      const W d0r = _mm256_loadu_ps(r), d0i = _mm256_loadu_ps(i);
+      W xr = _mm256_loadu_ps(r + q), xi = _mm256_loadu_ps(i + q);
+      const W br = _mm256_sub_ps(_mm256_mul_ps(xr, w2r), _mm256_mul_ps(xi, w2i));
+      const W bi = _mm256_add_ps(_mm256_mul_ps(xr, w2i), _mm256_mul_ps(xi, w2r));
+      xr = _mm256_loadu_ps(r + 2 * q);
+      xi = _mm256_loadu_ps(i + 2 * q);
+      const W cr = _mm256_sub_ps(_mm256_mul_ps(xr, w1r), _mm256_mul_ps(xi, w1i));
+      const W ci = _mm256_add_ps(_mm256_mul_ps(xr, w1i), _mm256_mul_ps(xi, w1r));
+      xr = _mm256_loadu_ps(r + 3 * q);
+      xi = _mm256_loadu_ps(i + 3 * q);
+      const W dr = _mm256_sub_ps(_mm256_mul_ps(xr, w3r), _mm256_mul_ps(xi, w3i));
+      const W di = _mm256_add_ps(_mm256_mul_ps(xr, w3i), _mm256_mul_ps(xi, w3r));
+      const W s0r = _mm256_add_ps(d0r, br), s0i = _mm256_add_ps(d0i, bi);
+      const W s1r = _mm256_sub_ps(d0r, br), s1i = _mm256_sub_ps(d0i, bi);
+      const W s2r = _mm256_add_ps(cr, dr), s2i = _mm256_add_ps(ci, di);
+      const W s3r = _mm256_sub_ps(cr, dr), s3i = _mm256_sub_ps(ci, di);
+      _mm256_storeu_ps(r, _mm256_add_ps(s0r, s2r));
+      _mm256_storeu_ps(i, _mm256_add_ps(s0i, s2i));
+      _mm256_storeu_ps(r + 2 * q, _mm256_sub_ps(s0r, s2r));
+      _mm256_storeu_ps(i + 2 * q, _mm256_sub_ps(s0i, s2i));
+      _mm256_storeu_ps(r + q, _mm256_add_ps(s1r, s3i));
+      _mm256_storeu_ps(i + q, _mm256_sub_ps(s1i, s3r));
+      _mm256_storeu_ps(r + 3 * q, _mm256_sub_ps(s1r, s3i));
+      _mm256_storeu_ps(i + 3 * q, _mm256_add_ps(s1i, s3r));
+    }
+  }
+}
+
+// The forward untangle for k = 1 .. while eight fit below h; returns the next k.
+QOR_AVX uint32_t untangle8(const float* zr, const float* zi, const float* table, uint32_t m,
+                           float* re, float* im) {
+  const uint32_t h = m / 2;
+  const W half = _mm256_set1_ps(0.5f);
+  uint32_t k = 1;
+  for (; k + 7 < h; k += 8) {
+    const W ar = _mm256_loadu_ps(zr + k), ai = _mm256_loadu_ps(zi + k);
+    const W br = reverse8(_mm256_loadu_ps(zr + m - k - 7));
+    const W bi = reverse8(_mm256_loadu_ps(zi + m - k - 7));
+    const W er = _mm256_mul_ps(half, _mm256_add_ps(ar, br));
+    const W ei = _mm256_mul_ps(half, _mm256_sub_ps(ai, bi));
+    const W orr = _mm256_mul_ps(half, _mm256_add_ps(ai, bi));
+    const W oi = _mm256_mul_ps(half, _mm256_sub_ps(br, ar));
+    W wr, wi;
+    loadPairs8(table + 2 * k, wr, wi);
+    const W tr = _mm256_sub_ps(_mm256_mul_ps(wr, orr), _mm256_mul_ps(wi, oi));
+    const W ti = _mm256_add_ps(_mm256_mul_ps(wr, oi), _mm256_mul_ps(wi, orr));
+    _mm256_storeu_ps(re + k, _mm256_add_ps(er, tr));
+    _mm256_storeu_ps(im + k, _mm256_add_ps(ei, ti));
+    _mm256_storeu_ps(re + m - k - 7, reverse8(_mm256_sub_ps(er, tr)));
+    _mm256_storeu_ps(im + m - k - 7, reverse8(_mm256_sub_ps(ti, ei)));
+  }
+  return k;
+}
+
+// The inverse retangle into (im, re) pairs at t, as far as eight fit.
+QOR_AVX uint32_t retangle8(const float* re, const float* im, const float* table, uint32_t m,
+                           float* t) {
+  const uint32_t h = m / 2;
+  uint32_t k = 1;
+  for (; k + 7 < h; k += 8) {
+    const W ar = _mm256_loadu_ps(re + k), ai = _mm256_loadu_ps(im + k);
+    const W br = reverse8(_mm256_loadu_ps(re + m - k - 7));
+    const W bi = reverse8(_mm256_loadu_ps(im + m - k - 7));
+    const W er = _mm256_add_ps(ar, br), ei = _mm256_sub_ps(ai, bi);
+    const W dr = _mm256_sub_ps(ar, br), di = _mm256_add_ps(ai, bi);
+    W wr, wi;
+    loadPairs8(table + 2 * k, wr, wi);
+    const W ur = _mm256_sub_ps(_mm256_mul_ps(wi, dr), _mm256_mul_ps(wr, di));
+    const W ui = _mm256_add_ps(_mm256_mul_ps(wr, dr), _mm256_mul_ps(wi, di));
+    storePairs8(t + 2 * k, _mm256_add_ps(ei, ui), _mm256_add_ps(er, ur));
+    storePairs8(t + 2 * (m - k - 7), reverse8(_mm256_sub_ps(ui, ei)),
+                reverse8(_mm256_sub_ps(er, ur)));
+  }
+  return k;
+}
+
+// The whole inverse retangle, into split arrays: ta gets what retangle8
+// puts first in each pair, tb the second.
+QOR_AVX void retangleSplit8(const float* re, const float* im, const float* table, uint32_t n,
+                            float* ta, float* tb) {
+  const uint32_t m = n / 2, h = m / 2;
+  ta[0] = re[0] - re[m];
+  tb[0] = re[0] + re[m];
+  uint32_t k = 1;
+  for (; k + 7 < h; k += 8) {
+    const W ar = _mm256_loadu_ps(re + k), ai = _mm256_loadu_ps(im + k);
+    const W br = reverse8(_mm256_loadu_ps(re + m - k - 7));
+    const W bi = reverse8(_mm256_loadu_ps(im + m - k - 7));
+    const W er = _mm256_add_ps(ar, br), ei = _mm256_sub_ps(ai, bi);
+    const W dr = _mm256_sub_ps(ar, br), di = _mm256_add_ps(ai, bi);
+    W wr, wi;
+    loadPairs8(table + 2 * k, wr, wi);
+    const W ur = _mm256_sub_ps(_mm256_mul_ps(wi, dr), _mm256_mul_ps(wr, di));
+    const W ui = _mm256_add_ps(_mm256_mul_ps(wr, dr), _mm256_mul_ps(wi, di));
+    _mm256_storeu_ps(ta + k, _mm256_add_ps(ei, ui));
+    _mm256_storeu_ps(tb + k, _mm256_add_ps(er, ur));
+    _mm256_storeu_ps(ta + m - k - 7, reverse8(_mm256_sub_ps(ui, ei)));
+    _mm256_storeu_ps(tb + m - k - 7, reverse8(_mm256_sub_ps(er, ur)));
+  }
+  for (; k < h; ++k) {
+    const float ar = re[k], ai = im[k], br = re[m - k], bi = im[m - k];
+    const float er = ar + br, ei = ai - bi, dr = ar - br, di = ai + bi;
+    float wr, wi;
+    twiddle(table, n, k, wr, wi);
+    const float ur = wi * dr - wr * di, ui = wr * dr + wi * di;
+    ta[k] = ei + ui;
+    tb[k] = er + ur;
+    ta[m - k] = ui - ei;
+    tb[m - k] = er - ur;
+  }
+  ta[h] = -2.0f * im[h];
+  tb[h] = 2.0f * re[h];
+}
+
+// Scaled (zi, zr) pairs into output, m a multiple of 8.
+QOR_AVX void interleaveScaled8(const float* zr, const float* zi, uint32_t m, float scale,
+                               float* output) {
+  const W sv = _mm256_set1_ps(scale);
+  for (uint32_t j = 0; j < m; j += 8) {
+    storePairs8(output + 2 * j, _mm256_mul_ps(_mm256_loadu_ps(zi + j), sv),
+                _mm256_mul_ps(_mm256_loadu_ps(zr + j), sv));
+  }
+}
+
+bool avxUsable() {
+  unsigned a = 0, b = 0, c = 0, d = 0;
+  if (__get_cpuid(1, &a, &b, &c, &d) == 0) return false;
+  if ((c & bit_OSXSAVE) == 0 || (c & bit_AVX) == 0) return false;
+  // The OS must save the upper halves of the registers (XCR0 bits 1, 2).
+  unsigned lo = 0, hi = 0;
+  __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+  return (lo & 6u) == 6u;
+}
+#else
+bool avxUsable() { return false; }
+#endif
+
+#if QOR_FFT_AVX
+// Whether the eight-lane complex transform (tile gathers included) runs.
+bool wideTransform(const RealFftSetup& setup, uint32_t m) {
+  return setup.kernel == kFftKernel8 && m >= ((log2Of(m) & 1) != 0 ? 64u : 128u);
+}
+
+// DFT of the m complex points in src into zr, zi; wideTransform must hold.
+void complexTransform8(Rows src, const RealFftSetup& setup, uint32_t m, float* zr, float* zi) {
+  uint32_t stage;
+  if ((log2Of(m) & 1) != 0) {
+    float h, unused;
+    twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
+    gatherTiles8(src, setup.bitReverse, m, zr, zi, h);
+    stage = 16;
+  } else {
+    gatherTilesRadix16x8(src, setup.bitReverse, setup.twiddles, m, zr, zi);
+    stage = 32;
+  }
+  for (; stage * 2 <= m; stage *= 4) radix4Stages8(setup.twiddles, stage * 2, m, zr, zi);
+}
+#endif
+
 // DFT of m >= 4 complex points stored as (re, im) pairs into zr, zi.
 void complexTransform(const float* pairs, const RealFftSetup& setup, uint32_t m, float* zr,
                       float* zi) {
+#if QOR_FFT_AVX
+  if (wideTransform(setup, m)) {
+    complexTransform8(Rows{pairs, nullptr}, setup, m, zr, zi);
+    return;
+  }
+#endif
+  const bool odd = (log2Of(m) & 1) != 0;
   uint32_t stage = 8;
-  if ((log2Of(m) & 1) != 0 && m >= 32) {
+  if (odd && m >= 32) {
     float h, unused;
     twiddle(stageTable(setup.twiddles, 8), 8, 1, h, unused);
     gatherFirstThreeStages(pairs, setup.bitReverse, m, zr, zi, h);
     stage = 16;
   } else {
     gatherFirstStages(pairs, setup.bitReverse, m, zr, zi);
-    if ((log2Of(m) & 1) != 0 && m >= 8) {
+    if (odd && m >= 8) {
       radix2Stage8(setup.twiddles, m, zr, zi);
       stage = 16;
     }
@@ -407,6 +832,9 @@ void forwardPowerOfTwo(const RealFftSetup& setup, const float* input, float* re,
   const float* table = stageTable(setup.twiddles, n);
   const V half = splat(0.5f);
   uint32_t k = 1;
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8) k = untangle8(zr, zi, table, m, re, im);
+#endif
   for (; k + 3 < h; k += 4) {
     const V ar = loadu(zr + k), ai = loadu(zi + k);
     const V br = reverse(loadu(zr + m - k - 3)), bi = reverse(loadu(zi + m - k - 3));
@@ -448,10 +876,22 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
 
   // Retangle into 2 Z: Z[k] = E + i conj(w^k) D, Z[m-k] = conj(E - i conj(w^k) D)
   // with E = X[k] + conj X[m-k], D = X[k] - conj X[m-k].
+  const float* table = stageTable(setup.twiddles, n);
+#if QOR_FFT_AVX
+  if (wideTransform(setup, m)) {
+    // Split halves of t: no interleaving on the way out or back in.
+    retangleSplit8(re, im, table, n, t, t + m);
+    complexTransform8(Rows{t, t + m}, setup, m, zr, zi);
+    interleaveScaled8(zr, zi, m, 1.0f / static_cast<float>(n), output);
+    return;
+  }
+#endif
   t[0] = re[0] - re[m];
   t[1] = re[0] + re[m];
-  const float* table = stageTable(setup.twiddles, n);
   uint32_t k = 1;
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8) k = retangle8(re, im, table, m, t);
+#endif
   for (; k + 3 < h; k += 4) {
     const V ar = loadu(re + k), ai = loadu(im + k);
     const V br = reverse(loadu(re + m - k - 3)), bi = reverse(loadu(im + m - k - 3));
@@ -481,8 +921,15 @@ void inversePowerOfTwo(const RealFftSetup& setup, const float* re, const float* 
   complexTransform(t, setup, m, zr, zi);
 
   // 1/n is a power of two, so the product equals the division exactly.
+  uint32_t j = 0;
+#if QOR_FFT_AVX
+  if (setup.kernel == kFftKernel8 && m >= 8) {
+    interleaveScaled8(zr, zi, m, 1.0f / static_cast<float>(n), output);
+    j = m;
+  }
+#endif
   const V scale = splat(1.0f / static_cast<float>(n));
-  for (uint32_t j = 0; j < m; j += 4) {
+  for (; j < m; j += 4) {
     storePairs(output + 2 * j, mul(load(zi + j), scale), mul(load(zr + j), scale));
   }
 }
@@ -547,6 +994,7 @@ int32_t fftInit(RealFftSetup* setup, uint32_t n) {
 
   unsigned char* base = reinterpret_cast<unsigned char*>(setup);
   setup->size = n;
+  setup->kernel = fftKernel8Available() ? kFftKernel8 : kFftKernel4;
   size_t used = 0;
   constexpr double kTwoPi = 2.0 * std::numbers::pi;
   if (isPowerOfTwo(n)) {
@@ -582,6 +1030,16 @@ int32_t fftInit(RealFftSetup* setup, uint32_t n) {
     used = kDirectTableOffset + 8 * static_cast<size_t>(n);
   }
   return used == fftSetupSize(n) ? kFftSuccess : kFftSizeMismatch;
+}
+
+bool fftKernel8Available() { return avxUsable(); }
+
+bool fftUseKernel(RealFftSetup* setup, RealFftKernel kernel) {
+  if (setup == nullptr) return false;
+  if (kernel == kFftKernel8 && !fftKernel8Available()) return false;
+  if (kernel != kFftKernel4 && kernel != kFftKernel8) return false;
+  setup->kernel = kernel;
+  return true;
 }
 
 int32_t fftForward(const RealFftSetup* setup, const float* input, float* re, float* im,

@@ -27,9 +27,17 @@ enum RealFftStatus : int32_t {
 // Header of the setup region; the tables follow it inside the same region.
 struct RealFftSetup {
   uint32_t size;        // N
+  uint32_t kernel;      // RealFftKernel picked by fftInit (sits in what was padding)
   float* twiddles;      // power of two: (cos, -sin) pairs, stage by stage;
                         // otherwise N pairs (cos, sin) of 2 pi k / N
   uint32_t* bitReverse; // N entries, log2(N)-bit reversal; null otherwise
+};
+
+// Vector code of the power-of-two path. fftInit picks the widest one this CPU
+// and operating system can run; all give the same results.
+enum RealFftKernel : uint32_t {
+  kFftKernel4 = 0,  // four lanes (SSE2, or plain C++ where that is missing)
+  kFftKernel8 = 1,  // eight lanes (AVX)
 };
 
 // Bytes of the setup region for an N-point transform.
@@ -41,6 +49,13 @@ uint32_t fftTwiddlePairs(uint32_t n);
 
 // Builds the tables for N inside `setup` (fftSetupSize(n) bytes).
 int32_t fftInit(RealFftSetup* setup, uint32_t n);
+
+// Whether kFftKernel8 can run here.
+bool fftKernel8Available();
+// Pins an initialised setup to `kernel`, e.g. to test the four-lane fallback
+// on a machine that would pick eight. Returns false, changing nothing, when
+// the kernel cannot run here.
+bool fftUseKernel(RealFftSetup* setup, RealFftKernel kernel);
 
 // input: N floats (kept); re, im: N/2 + 1 floats each; scratch: fftScratchSize
 // bytes, any alignment. im[0] and, for even N, im[N/2] are written as 0.

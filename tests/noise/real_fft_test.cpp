@@ -1,11 +1,15 @@
 // The real transform against a double-precision DFT written here and, where
-// available, against FFTW; its tables, region sizes and error codes.
+// available, against FFTW, on each vector kernel this machine can run; the
+// kernels against each other; tables, region sizes and error codes.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <numbers>
 #include <random>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "dsp/noise/real_fft.h"
@@ -27,7 +31,8 @@ struct Spectrum {
 // Setup and scratch regions with a guard zone behind each.
 class Fft {
  public:
-  explicit Fft(uint32_t n, size_t scratchOffset = 0)
+  // kernel < 0 keeps the one fftInit picked.
+  explicit Fft(uint32_t n, size_t scratchOffset = 0, int kernel = -1)
       : n_(n),
         setupBytes_(qor::fftSetupSize(n)),
         scratchBytes_(qor::fftScratchSize(n)),
@@ -37,7 +42,10 @@ class Fft {
     std::memset(setupMemory_.get() + setupBytes_, kGuard, 64);
     std::memset(scratchMemory_.get() + scratchOffset + scratchBytes_, kGuard, 64);
     status_ = qor::fftInit(setup(), n);
+    kernelRuns_ = kernel < 0 || qor::fftUseKernel(setup(), static_cast<qor::RealFftKernel>(kernel));
   }
+  // False when this machine cannot run the kernel asked for.
+  bool kernelRuns() const { return kernelRuns_; }
   qor::RealFftSetup* setup() { return reinterpret_cast<qor::RealFftSetup*>(setupMemory_.get()); }
   void* scratch() { return scratchMemory_.get() + scratchOffset_; }
   int32_t status() const { return status_; }
@@ -65,6 +73,7 @@ class Fft {
   size_t setupBytes_, scratchBytes_, scratchOffset_;
   std::unique_ptr<unsigned char, qor::test::AlignedFree> setupMemory_, scratchMemory_;
   int32_t status_;
+  bool kernelRuns_;
 };
 
 std::vector<double> cosines(size_t n) {
@@ -147,12 +156,20 @@ std::vector<std::vector<float>> signalsFor(uint32_t n, uint32_t seed) {
           sineSignal(n, n / 4.0 + 0.37, 1.1), sineSignal(n, n / 2.0 - 1.0, 0.0)};
 }
 
-class RealFftSize : public ::testing::TestWithParam<uint32_t> {};
+class RealFftSize : public ::testing::TestWithParam<std::tuple<uint32_t, qor::RealFftKernel>> {
+ protected:
+  uint32_t size() const { return std::get<0>(GetParam()); }
+  qor::RealFftKernel kernel() const { return std::get<1>(GetParam()); }
+};
+
+#define SKIP_UNLESS_KERNEL_RUNS(fft) \
+  if (!(fft).kernelRuns()) GTEST_SKIP() << "kernel not supported on this CPU"
 
 TEST_P(RealFftSize, ForwardMatchesDirectDft) {
-  const uint32_t n = GetParam();
-  Fft fft(n, 4);
+  const uint32_t n = size();
+  Fft fft(n, 4, kernel());
   ASSERT_EQ(fft.status(), 0);
+  SKIP_UNLESS_KERNEL_RUNS(fft);
   for (const auto& x : signalsFor(n, 1000 + n)) {
     const std::vector<float> kept = x;
     const Spectrum s = fft.forward(x);
@@ -167,9 +184,10 @@ TEST_P(RealFftSize, ForwardMatchesDirectDft) {
 }
 
 TEST_P(RealFftSize, InverseMatchesDirectInverseAndRoundTrips) {
-  const uint32_t n = GetParam();
-  Fft fft(n, 8);
+  const uint32_t n = size();
+  Fft fft(n, 8, kernel());
   ASSERT_EQ(fft.status(), 0);
+  SKIP_UNLESS_KERNEL_RUNS(fft);
   // A spectrum with garbage in the bins the inverse must ignore.
   Spectrum s = fft.forward(randomSignal(n, 7 + n));
   s.im[0] = 3.0f;
@@ -190,9 +208,10 @@ TEST_P(RealFftSize, InverseMatchesDirectInverseAndRoundTrips) {
 
 #if QOR_HAVE_FFTW3F
 TEST_P(RealFftSize, AgreesWithFftw) {
-  const uint32_t n = GetParam();
-  Fft fft(n);
+  const uint32_t n = size();
+  Fft fft(n, 12, kernel());
   ASSERT_EQ(fft.status(), 0);
+  SKIP_UNLESS_KERNEL_RUNS(fft);
   std::vector<float> in(n), back(n);
   std::vector<fftwf_complex> out(n / 2 + 1);
   fftwf_plan f = fftwf_plan_dft_r2c_1d(static_cast<int>(n), in.data(), out.data(), FFTW_ESTIMATE);
@@ -216,9 +235,56 @@ TEST_P(RealFftSize, AgreesWithFftw) {
 }
 #endif
 
+std::string sizeAndKernel(const ::testing::TestParamInfo<RealFftSize::ParamType>& info) {
+  char name[32];
+  std::snprintf(name, sizeof name, "N%u_%dlanes", static_cast<unsigned>(std::get<0>(info.param)),
+                std::get<1>(info.param) == qor::kFftKernel8 ? 8 : 4);
+  return name;
+}
+
 INSTANTIATE_TEST_SUITE_P(PowersOfTwo, RealFftSize,
-                         ::testing::Values(8u, 16u, 32u, 64u, 128u, 256u, 512u, 1024u, 2048u, 4096u));
-INSTANTIATE_TEST_SUITE_P(OtherLengths, RealFftSize, ::testing::Values(9u, 12u, 100u, 1000u));
+                         ::testing::Combine(::testing::Values(8u, 16u, 32u, 64u, 128u, 256u, 512u,
+                                                              1024u, 2048u, 4096u),
+                                            ::testing::Values(qor::kFftKernel4, qor::kFftKernel8)),
+                         sizeAndKernel);
+// The direct path has no vector kernels.
+INSTANTIATE_TEST_SUITE_P(OtherLengths, RealFftSize,
+                         ::testing::Combine(::testing::Values(9u, 12u, 100u, 1000u),
+                                            ::testing::Values(qor::kFftKernel4)),
+                         sizeAndKernel);
+
+// The eight-lane kernel does the four-lane arithmetic in the same order and
+// without fused multiply-add, so both give the same bits.
+TEST(RealFftKernels, EightLanesMatchFourLanesExactly) {
+  for (uint32_t n = 8; n <= 8192; n *= 2) {
+    Fft narrow(n, 0, qor::kFftKernel4), wide(n, 4, qor::kFftKernel8);
+    ASSERT_TRUE(narrow.kernelRuns());
+    if (!wide.kernelRuns()) GTEST_SKIP() << "no AVX here";
+    for (const auto& x : signalsFor(n, 500 + n)) {
+      const Spectrum a = narrow.forward(x), b = wide.forward(x);
+      ASSERT_EQ(a.re, b.re) << "N=" << n;
+      ASSERT_EQ(a.im, b.im) << "N=" << n;
+      ASSERT_EQ(narrow.inverse(a), wide.inverse(a)) << "N=" << n;
+    }
+    EXPECT_TRUE(narrow.guardsIntact());
+    EXPECT_TRUE(wide.guardsIntact());
+  }
+}
+
+TEST(RealFftKernels, InitPicksTheWidestThatRunsAndPinningIsChecked) {
+  Fft fft(1024);
+  qor::RealFftSetup* setup = fft.setup();
+  ASSERT_EQ(qor::fftInit(setup, 1024), 0);
+  EXPECT_EQ(setup->kernel, qor::fftKernel8Available() ? qor::kFftKernel8 : qor::kFftKernel4);
+  EXPECT_TRUE(qor::fftUseKernel(setup, qor::kFftKernel4));
+  EXPECT_EQ(setup->kernel, qor::kFftKernel4);
+  EXPECT_EQ(qor::fftUseKernel(setup, qor::kFftKernel8), qor::fftKernel8Available());
+  EXPECT_FALSE(qor::fftUseKernel(setup, static_cast<qor::RealFftKernel>(7)));
+  EXPECT_FALSE(qor::fftUseKernel(nullptr, qor::kFftKernel4));
+  // The choice lives in the header's former padding: the tables stay put.
+  EXPECT_EQ(reinterpret_cast<unsigned char*>(setup->twiddles),
+            reinterpret_cast<unsigned char*>(setup) + 24);
+}
 
 TEST(RealFft, UnitImpulseGivesAFlatRealSpectrum) {
   for (uint32_t n : {8u, 1024u, 2048u}) {
