@@ -271,7 +271,10 @@ TEST(VocalChangerRouting, PitchTypesMoveAToneByTheRatioAtBothRates) {
     Changer changer(voices(type, 1200.0f));
     const auto out = changer.run(qor::test::sine(375.0, 48000.0, 48000, 0.5));
     const double octave = qor::test::toneAmplitude(out, 750.0, 48000.0, 12000);
-    EXPECT_GT(octave, type == 2 ? 0.1 : 0.0) << type;
+    // Type 2's plain shifter is measured for level too; the others only for the move.
+    if (type == 2) {
+      EXPECT_GT(octave, 0.1);
+    }
     EXPECT_LT(qor::test::toneAmplitude(out, 375.0, 48000.0, 12000), (type == 2 ? 0.05 : 0.33) * octave) << type;
   }
   Changer at441(voices(2, 1200.0f), 1, 44100, 512);
