@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <vector>
 
 #include "support/alloc_guard.h"
@@ -77,45 +78,28 @@ std::vector<double> crossingFrequencies(const std::vector<float>& x, size_t from
   return f;
 }
 
-struct PlanCase {
-  float rate;
-  float centre;
-  float spread;
-};
-
-class DetunePlanning : public ::testing::TestWithParam<PlanCase> {};
-
-TEST_P(DetunePlanning, GrainGrowsUntilTheSweepIsSlowEnoughAndLowPassFollowsTheLargestShift) {
-  const PlanCase c = GetParam();
-  Stage stage(static_cast<uint32_t>(c.rate));
-  stage->setSettings(settingsFor(c.rate, 1.0f, 0.0f, 0.0f, c.centre, c.spread, 0.0f));
-  std::vector<float> silence(256, 0.0f);
-  stage.run({silence}, 256);
-
-  const double largest = std::max(c.centre - c.spread, c.centre + c.spread);
-  const uint32_t grain = expectedGrain(c.rate, largest);
-  EXPECT_EQ(stage->grainLength(), grain);
-  EXPECT_NEAR(stage->grainRate(), (1.0 - std::exp2(c.centre / 1200.0)) * c.rate / grain, 1e-3);
-  EXPECT_NEAR(stage->lowPassHz(), std::min(0.4 * c.rate / std::exp2(largest / 1200.0), 0.45 * c.rate), 0.05);
-  EXPECT_EQ(stage->delayLineLength(), static_cast<uint32_t>(std::floor(c.rate * 0.205 + 0.5)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Shifts, DetunePlanning,
-                         ::testing::Values(PlanCase{48000, 0, 0}, PlanCase{48000, 300, 300},
-                                           PlanCase{48000, 600, 600},  // grain grows to 100 ms
-                                           PlanCase{44100, 600, 600}, PlanCase{48000, -300, -300},
-                                           PlanCase{44100, -1200, 400}, PlanCase{48000, 900, 700}));
-
-TEST(DetuneStage, KnownPlansAtFortyEightKilohertz) {
-  Stage stage(48000);
-  stage->setSettings(settingsFor(48000, 1.0f, 0.0f, 0.0f, 600.0f, 600.0f, 0.0f));
-  stage.run({std::vector<float>(256, 0.0f)}, 256);
-  EXPECT_EQ(stage->grainLength(), 4800u);  // one octave: 48000 / 4800 = 10 grains per second
-  EXPECT_FLOAT_EQ(stage->lowPassHz(), 9600.0f);
-  stage->setSettings(settingsFor(48000, 1.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f));
-  stage.run({std::vector<float>(256, 0.0f)}, 256);
-  EXPECT_EQ(stage->grainLength(), 2400u);
-  EXPECT_FLOAT_EQ(stage->lowPassHz(), 19200.0f);
+TEST(DetuneStage, GrainGrowsUntilTheSweepIsSlowEnoughAndLowPassFollowsTheLargestShift) {
+  struct Case {
+    float rate, centre, spread;
+    uint32_t knownGrain;  // worked out by hand where given
+  };
+  const Case cases[] = {{48000, 0, 0, 2400},     {48000, 300, 300, 0},   {48000, 600, 600, 4800},
+                        {44100, 600, 600, 0},    {48000, -300, -300, 0}, {44100, -1200, 400, 0},
+                        {48000, 900, 700, 0}};
+  for (const Case& c : cases) {
+    Stage stage(static_cast<uint32_t>(c.rate));
+    stage->setSettings(settingsFor(c.rate, 1.0f, 0.0f, 0.0f, c.centre, c.spread, 0.0f));
+    stage.run({std::vector<float>(256, 0.0f)}, 256);
+    const double largest = std::max(c.centre - c.spread, c.centre + c.spread);
+    const uint32_t grain = expectedGrain(c.rate, largest);
+    EXPECT_EQ(stage->grainLength(), grain) << c.rate << " " << c.centre << " " << c.spread;
+    if (c.knownGrain != 0) {
+      EXPECT_EQ(grain, c.knownGrain);
+    }
+    EXPECT_NEAR(stage->grainRate(), (1.0 - std::exp2(c.centre / 1200.0)) * c.rate / grain, 1e-3);
+    EXPECT_NEAR(stage->lowPassHz(), std::min(0.4 * c.rate / std::exp2(largest / 1200.0), 0.45 * c.rate), 0.05);
+    EXPECT_EQ(stage->delayLineLength(), static_cast<uint32_t>(std::floor(c.rate * 0.205 + 0.5)));
+  }
 }
 
 TEST(DetuneStage, UnshiftedSignalIsDelayedByHalfAGrainPlusTheBaseDelay) {
@@ -146,7 +130,7 @@ TEST_P(DetunePitch, CentreShiftMovesAToneByTheRatio) {
   EXPECT_LT(atOriginal, 0.05 * atShifted) << cents;
 }
 
-INSTANTIATE_TEST_SUITE_P(Cents, DetunePitch, ::testing::Values(-600.0f, -250.0f, 150.0f, 300.0f, 600.0f));
+INSTANTIATE_TEST_SUITE_P(Cents, DetunePitch, ::testing::Values(-600.0f, 150.0f, 600.0f));
 
 TEST(DetuneStage, PitchLfoSweepsBetweenCentreMinusAndPlusSpread) {
   Stage stage(48000);
@@ -158,9 +142,7 @@ TEST(DetuneStage, PitchLfoSweepsBetweenCentreMinusAndPlusSpread) {
   // Average over a few periods to smooth the grain crossfades.
   std::vector<double> smooth;
   for (size_t i = 8; i < f.size(); ++i) {
-    double s = 0.0;
-    for (size_t k = i - 8; k < i; ++k) s += f[k];
-    smooth.push_back(s / 8.0);
+    smooth.push_back(std::accumulate(f.begin() + i - 8, f.begin() + i, 0.0) / 8.0);
   }
   const auto [lo, hi] = std::minmax_element(smooth.begin(), smooth.end());
   EXPECT_NEAR(*lo, 400.0, 8.0);
@@ -207,55 +189,32 @@ TEST(DetuneStage, NewGainsTakeEffectAtTheNextBlockAndRampOverSixtyFourSamples) {
   }
 }
 
-TEST(DetuneStage, BlockSplitDoesNotChangeTheResult) {
-  const DetuneSettings s = settingsFor(48000, 12.0f, 6.0f, 1.7f, 150.0f, 120.0f, 0.8f, 2);
-  Stage whole(48000), pieces(48000);
-  whole->setSettings(s);
-  pieces->setSettings(s);
-  const Channels in{qor::test::whiteNoise(8192, 11, 0.5), qor::test::whiteNoise(8192, 12, 0.5)};
-  const auto a = whole.run(in, 1024);
-  const auto b = pieces.run(in, 128);
-  for (int c = 0; c < 2; ++c) {
-    for (size_t i = 0; i < a[c].size(); ++i) ASSERT_EQ(a[c][i], b[c][i]) << c << ":" << i;
-  }
-}
-
-TEST(DetuneStage, ChannelsAreIndependent) {
-  const DetuneSettings stereo = settingsFor(44100, 8.0f, 4.0f, 1.0f, -200.0f, 100.0f, 1.3f, 2);
+// Whole stereo blocks against short mono ones: neither the block split nor
+// the other channel changes a channel's output.
+TEST(DetuneStage, BlockSplitAndOtherChannelDoNotChangeTheResult) {
+  const DetuneSettings stereo = settingsFor(44100, 12.0f, 6.0f, 1.7f, -150.0f, 120.0f, 0.8f, 2);
   DetuneSettings mono = stereo;
   mono.channels = 1;
   Stage both(44100), left(44100);
   both->setSettings(stereo);
   left->setSettings(mono);
-  const Channels in{qor::test::whiteNoise(4096, 21, 0.5), qor::test::sine(300.0, 44100.0, 4096, 0.5)};
-  const auto a = both.run(in, 256);
-  const auto b = left.run({in[0]}, 256);
-  for (size_t i = 0; i < b[0].size(); ++i) ASSERT_EQ(a[0][i], b[0][i]) << i;
+  const Channels in{qor::test::whiteNoise(8192, 11, 0.5), qor::test::sine(300.0, 44100.0, 8192, 0.5)};
+  const auto a = both.run(in, 1024);
+  EXPECT_EQ(a[0], left.run({in[0]}, 128)[0]);
   EXPECT_GT(qor::test::rms(a[1], 2048), 0.1);
 }
 
-TEST(DetuneStage, ResetClearsHistoryAndRestartsLikeAFreshStage) {
+TEST(DetuneStage, PassesUntilConfiguredAndResetRestartsLikeAFreshStage) {
   const DetuneSettings s = settingsFor(48000, 30.0f, 10.0f, 0.7f, 300.0f, 100.0f, 1.1f);
   Stage used(48000), fresh(48000);
+  const Channels dry{qor::test::whiteNoise(512, 9, 0.5)};
+  EXPECT_EQ(used.run(dry, 256), dry);
   used->setSettings(s);
   fresh->setSettings(s);
   used.run({qor::test::whiteNoise(4096, 5, 0.8)}, 256);
   used->reset();
-  const auto silent = used.run({std::vector<float>(4096, 0.0f)}, 256)[0];
-  for (float v : silent) ASSERT_EQ(v, 0.0f);
-
-  used->reset();
-  const auto in = qor::test::whiteNoise(4096, 6, 0.5);
-  const auto a = used.run({in}, 256)[0];
-  const auto b = fresh.run({in}, 256)[0];
-  for (size_t i = 0; i < a.size(); ++i) ASSERT_EQ(a[i], b[i]) << i;
-}
-
-TEST(DetuneStage, PassesTheSignalUntilFirstConfigured) {
-  Stage stage(48000);
-  const auto in = qor::test::whiteNoise(512, 9, 0.5);
-  const auto out = stage.run({in}, 256)[0];
-  for (size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], in[i]);
+  const Channels in{qor::test::whiteNoise(4096, 6, 0.5)};
+  EXPECT_EQ(used.run(in, 256), fresh.run(in, 256));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -19,7 +20,7 @@ template <class Processor>
 class HeldProcessor {
  public:
   explicit HeldProcessor(uint32_t channels = 2, float rate = 48000.0f)
-      : channels_(channels), memory_(bytesFor(channels)) {
+      : memory_(bytesFor(channels)) {
     InstanceLayout layout(memory_.bytes());
     processor_ = layout.take<Processor>();
     Processor::layOut(layout, processor_, channels);
@@ -61,7 +62,6 @@ class HeldProcessor {
   }
 
  private:
-  uint32_t channels_;
   InstanceMemory memory_;
   Processor* processor_ = nullptr;
   size_t placed_ = 0;
@@ -80,6 +80,39 @@ inline double squaredWindowSum(int64_t t, uint32_t frame, uint32_t hop, int64_t 
     s += w * w;
   }
   return s;
+}
+
+// RMS of out - expected over [from, end), relative to the RMS of expected.
+template <class T>
+double relativeError(const std::vector<float>& out, const std::vector<T>& expected, size_t from = 0) {
+  double error = 0.0, energy = 0.0;
+  for (size_t t = from; t < out.size(); ++t) {
+    error += (out[t] - expected[t]) * (out[t] - expected[t]);
+    energy += static_cast<double>(expected[t]) * expected[t];
+  }
+  EXPECT_GT(energy, 0.0);
+  return std::sqrt(error / energy);
+}
+
+// An overlap-add (hop 256) that passes every frame unchanged: the input
+// `frame` samples late, scaled by gain times the sum of squared windows.
+inline std::vector<double> overlapAddReference(const std::vector<float>& in, uint32_t frame, double gain) {
+  std::vector<double> y(in.size(), 0.0);
+  for (size_t t = frame; t < in.size(); ++t) {
+    y[t] = gain * squaredWindowSum(static_cast<int64_t>(t) - frame, frame, 256, 0) * in[t - frame];
+  }
+  return y;
+}
+
+// Normalised correlation of a[t] with b[t - lag] over t from `from` on.
+inline double correlation(const std::vector<float>& a, const std::vector<float>& b, size_t lag, size_t from) {
+  double ab = 0.0, aa = 0.0, bb = 0.0;
+  for (size_t t = from; t < a.size() && t >= lag && t - lag < b.size(); ++t) {
+    ab += static_cast<double>(a[t]) * b[t - lag];
+    aa += static_cast<double>(a[t]) * a[t];
+    bb += static_cast<double>(b[t - lag]) * b[t - lag];
+  }
+  return ab / std::sqrt(aa * bb);
 }
 
 }  // namespace qor::test
