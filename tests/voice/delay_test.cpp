@@ -10,7 +10,6 @@
 #include <numbers>
 
 #include "block_runner.h"
-#include "dsp/core/instance.h"
 #include "dsp/voice/delay.h"
 
 namespace {
@@ -160,19 +159,6 @@ TEST_P(DelayBand, EachRepeatIsFilteredOnceMore) {
 
 INSTANTIATE_TEST_SUITE_P(Presets, DelayBand, ::testing::Values(0, 1, 2));
 
-TEST_F(DelayTest, PingPongAlternatesBetweenTheSides) {
-  QorDelayParameters p = defaults();
-  p.routing = 2, p.pingPong = 1, p.feedback = 0.5f;
-  make(p);
-  const Signals out = run(impulses(19200 * 5, 1.0f, 0.0f));
-  for (size_t k = 1; k <= 4; ++k) {
-    const bool left = k % 2 == 1;
-    EXPECT_GT(energy(out[left ? 0 : 1], 19200 * k, 19200 * (k + 1)), 1e-3) << "echo " << k;
-    // Only the far tail of the band filters' ringing may leak across.
-    EXPECT_LT(energy(out[left ? 1 : 0], 19200 * k, 19200 * (k + 1)), 1e-20) << "echo " << k;
-  }
-}
-
 TEST_F(DelayTest, OnlyAChangedTimeClearsItsLine) {
   QorDelayParameters p = defaults();
   constexpr size_t kFirst = 256 * 38, kEcho = 19200 - kFirst;  // whole blocks before the update
@@ -230,17 +216,6 @@ TEST_F(DelayTest, NoteDurationsInHertz) {
   EXPECT_EQ(qorDelayGetNoteDurationInHertz(inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, nullptr), R::ErrorNullPointer);
   ASSERT_EQ(qorDelayRelease(inst), R::Success);
   EXPECT_EQ(qorDelayGetNoteDurationInHertz(inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, &out), R::ErrorNotInitialised);
-}
-
-TEST(DelaySize, IsTheDryBuffersPlusCoreAndTwoSecondLines) {
-  for (uint32_t rate : {44100u, 48000u}) {
-    for (uint32_t block : {128u, 130u, 4096u}) {
-      QorDelayConfig c{rate, block, 2, rate, block, 2, defaults()};
-      size_t size = 0;
-      ASSERT_EQ(qorDelayGetInstanceSize(&c, &size), R::Success);
-      EXPECT_EQ(size, qor::roundUp32(block * 2 * 4) + 128 + ((8 * rate * 2 + 1823) / 32 * 32)) << rate << " " << block;
-    }
-  }
 }
 
 TEST_F(DelayTest, ErrorCodesAndRefusedCalls) {

@@ -97,18 +97,16 @@ std::vector<float> referenceFlanger(const std::vector<float>& x, double depth, d
   return out;
 }
 
-class FlangerModes : public FlangerPhaserTest, public ::testing::WithParamInterface<int32_t> {};
-
-TEST_P(FlangerModes, ZeroDepthInvertsThePolarity) {
-  make(params(GetParam(), 0.0f, 2.0f));
+TEST_F(FlangerPhaserTest, ZeroDepthFlangersInvertThePolarity) {
   const Signals in{qor::test::whiteNoise(12000, 21), qor::test::whiteNoise(12000, 22)};
-  const Signals out = run(in);
-  for (int c = 0; c < 2; ++c) {
-    for (size_t n = 0; n < in[c].size(); ++n) ASSERT_EQ(out[c][n], -in[c][n]) << c << " " << n;
+  for (int32_t mode : {0, 1, 2}) {
+    make(params(mode, 0.0f, 2.0f));
+    const Signals out = run(in);
+    for (int c = 0; c < 2; ++c) {
+      for (size_t n = 0; n < in[c].size(); ++n) ASSERT_EQ(out[c][n], -in[c][n]) << mode << " " << c << " " << n;
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Flangers, FlangerModes, ::testing::Values(0, 1, 2));
 
 TEST_F(FlangerPhaserTest, FrozenSineTapIsAnAllPassComb) {
   for (float depth : {1.0f, 0.5f}) {
@@ -252,29 +250,21 @@ TEST_F(FlangerPhaserTest, SwitchOffIsAbruptAndRestartsClean) {
   }
 }
 
+// An unknown mode is stored but the old mode plays on; a range failure
+// refuses before copying anything.
 TEST_F(FlangerPhaserTest, RefusedModeIsStoredButNotPlayed) {
   make(params(QorFlangerPhaserPhaser6, 0.9f, 0.5f), 1);
   const Signals in{qor::test::whiteNoise(5000, 51)};
-  QorFlangerPhaserParameters bad = params(6, 0.2f, 3.0f);
+  const QorFlangerPhaserConfig initial = config;
+  QorFlangerPhaserParameters bad = params(6, 0.2f, 3.0f), deep = params(1, 1.5f, 1.0f), now{};
   EXPECT_EQ(qorFlangerPhaserUpdateParameters(inst, &bad), R::ErrorMode);
-  QorFlangerPhaserParameters now{};
+  EXPECT_EQ(qorFlangerPhaserUpdateParameters(inst, &deep), R::ErrorDepth);
   ASSERT_EQ(qorFlangerPhaserGetParameters(inst, &now), R::Success);
   EXPECT_EQ(now.mode, 6);
   EXPECT_EQ(now.depth, 0.2f);
   const Signals out = run(in);
-
-  auto reference = std::make_unique<qor::test::InstanceMemory>(memory->size());
-  auto* other = reference->as<QorFlangerPhaserInst>();
-  ASSERT_EQ(qorFlangerPhaserInit(other, &config), R::Success);
-  const Signals expected = qor::test::runBlocks(
-      in, 256, [&](float** ch) { return qorFlangerPhaserProcess(other, ch); });
-  EXPECT_EQ(out, expected) << "still the 6-stage phaser at the old depth and rate";
-
-  // A range failure refuses before copying.
-  QorFlangerPhaserParameters deep = params(1, 1.5f, 1.0f);
-  EXPECT_EQ(qorFlangerPhaserUpdateParameters(inst, &deep), R::ErrorDepth);
-  ASSERT_EQ(qorFlangerPhaserGetParameters(inst, &now), R::Success);
-  EXPECT_EQ(now.mode, 6);
+  make(initial.parameters, 1);
+  EXPECT_EQ(out, run(in)) << "still the 6-stage phaser at the old depth and rate";
 }
 
 TEST(FlangerPhaserChecks, ConfigurationAndParameterCodes) {
@@ -285,7 +275,6 @@ TEST(FlangerPhaserChecks, ConfigurationAndParameterCodes) {
     change(c);
     return qorFlangerPhaserGetInstanceSize(&c, &size);
   };
-  EXPECT_EQ(with([](auto&) {}), R::Success);
   EXPECT_EQ(with([](auto& c) { c.inputSampleRate = c.outputSampleRate = 44100; }), R::Success);
   EXPECT_EQ(with([](auto& c) { c.outputSampleRate = 44100; }), R::ErrorSampleRate);
   EXPECT_EQ(with([](auto& c) { c.inputSampleRate = c.outputSampleRate = 96000; }), R::ErrorSampleRate);

@@ -11,28 +11,30 @@
 #include <numbers>
 #include <vector>
 
+#include "block_runner.h"
 #include "dsp/voice/reverb.h"
-#include "support/alloc_guard.h"
-#include "support/audio_buffers.h"
-#include "support/signals.h"
 
 namespace {
 
 using namespace QorReverb_API_V1;
 using R = QorReverbResult;
-using Stereo = std::vector<std::vector<float>>;
+using P = QorReverbParameters;
+using Stereo = qor::test::Signals;
 
-QorReverbParameters defaults() {
-  QorReverbParameters p{};
+P defaults() {
+  P p{};
   qorReverbGetDefaultParameters(&p);
   return p;
+}
+
+QorReverbConfig configWith(const P& p, uint32_t rate = 48000, uint32_t block = 256) {
+  return {rate, block, 2, rate, block, 2, p};
 }
 
 // One initialised instance and the means to run whole signals through it.
 class Reverb {
  public:
-  explicit Reverb(const QorReverbParameters& p, uint32_t rate = 48000, uint32_t block = 256)
-      : config_{rate, block, 2, rate, block, 2, p}, buffers_(2, block) {
+  explicit Reverb(const P& p, uint32_t rate = 48000, uint32_t block = 256) : config_(configWith(p, rate, block)) {
     size_t size = 0;
     EXPECT_EQ(qorReverbGetInstanceSize(&config_, &size), R::Success);
     memory_ = std::make_unique<qor::test::InstanceMemory>(size);
@@ -40,64 +42,53 @@ class Reverb {
     EXPECT_EQ(qorReverbInit(inst, &config_), R::Success);
   }
   ~Reverb() { qorReverbRelease(inst); }
-
-  // Runs `in` (padded with silence to whole blocks) and returns the output.
   Stereo run(const Stereo& in) {
-    Stereo out;
-    const size_t n = in[0].size();
-    for (size_t at = 0; at < n; at += config_.inputBlockSize) {
-      buffers_.load(in, at);
-      EXPECT_NO_ALLOCATION(EXPECT_EQ(qorReverbProcess(inst, buffers_.data()), R::Success));
-      buffers_.appendTo(out);
-    }
-    return out;
+    return qor::test::runBlocks(in, config_.inputBlockSize, [&](float** ch) { return qorReverbProcess(inst, ch); });
   }
-  Stereo silence(size_t n) { return run({std::vector<float>(n, 0.0f), std::vector<float>(n, 0.0f)}); }
-  R update(QorReverbParameters p) { return qorReverbUpdateParameters(inst, &p); }
+  R update(P p) { return qorReverbUpdateParameters(inst, &p); }
 
   QorReverbInst* inst = nullptr;
 
  private:
   QorReverbConfig config_;
-  qor::test::ChannelBuffers buffers_;
   std::unique_ptr<qor::test::InstanceMemory> memory_;
 };
 
 Stereo impulses(size_t n, float left, float right, size_t at = 0) {
   return {qor::test::impulse(n, at, left), qor::test::impulse(n, at, right)};
 }
+Stereo noise(size_t n, uint32_t seed) {
+  return {qor::test::whiteNoise(n, seed, 0.5), qor::test::whiteNoise(n, seed + 1, 0.5)};
+}
 
-// Wet-only settings that isolate the reflections: no late tail, no dry share,
+// Wet-only settings; with `size` set, the reflections alone: no late tail,
 // and a low-pass so open that a tap arrives as one sharp sample.
-QorReverbParameters reflectionsOnly(int32_t room, float size) {
-  QorReverbParameters p = defaults();
+P wet(int32_t room, float balance, float size = -1.0f) {
+  P p = defaults();
   p.roomType = room;
-  p.roomSize = size;
-  p.earlyLateBalance = 0.0f;
+  p.earlyLateBalance = balance;
   p.mix = 1.0f;
-  p.reflectionsCutoffHz = 10000.0f;
+  if (size > 0) p.roomSize = size, p.reflectionsCutoffHz = 10000.0f;
   return p;
 }
 
-// First sample of the one-pole reflection low-pass's impulse response.
-double lowPassFirst(double cutoff, double rate) {
-  const double w = 2.0 * std::numbers::pi * cutoff / rate;
+// First sample of the one-pole reflection low-pass's impulse response at 10 kHz.
+const double kLowPassFirst = [] {
+  const double w = 2.0 * std::numbers::pi * 10000.0 / 48000.0;
   return w / (w + 1.0);
-}
+}();
 
-int32_t tapDelay(double ms, double size, double rate) {
+int32_t tapDelay(double ms, double size, double rate = 48000) {
   return static_cast<int32_t>(std::floor(ms * size * rate / 1000.0 + 0.5));
 }
 
 size_t firstNonZero(const std::vector<float>& x) {
-  size_t i = 0;
-  while (i < x.size() && x[i] == 0.0f) ++i;
-  return i;
+  return static_cast<size_t>(std::find_if(x.begin(), x.end(), [](float v) { return v != 0.0f; }) - x.begin());
 }
 
 // ---------------------------------------------------------------- conventions
 
-TEST(ReverbConfig, RefusesUnsupportedFormatsWithTheirCodes) {
+TEST(ReverbConfig, FormatCodesCallOrderAlignmentAndLatency) {
   struct Case {
     uint32_t inRate, outRate, inBlock, outBlock, inCh, outCh;
     R expected;
@@ -110,6 +101,7 @@ TEST(ReverbConfig, RefusesUnsupportedFormatsWithTheirCodes) {
       {48000, 48000, 256, 256, 1, 2, R::ErrorInputChannels},
       {48000, 48000, 256, 256, 2, 1, R::ErrorOutputChannels},
   };
+  int latency = -1;
   for (const Case& c : cases) {
     QorReverbConfig config{c.inRate, c.inBlock, c.inCh, c.outRate, c.outBlock, c.outCh, defaults()};
     size_t size = 0;
@@ -117,33 +109,23 @@ TEST(ReverbConfig, RefusesUnsupportedFormatsWithTheirCodes) {
     qor::test::InstanceMemory memory(c.expected == R::Success ? size : 1 << 16);
     auto* inst = memory.as<QorReverbInst>();
     EXPECT_EQ(qorReverbInit(inst, &config), c.expected);
-    int latency = -1;
-    EXPECT_EQ(qorReverbGetCurrentLatency(inst, &latency),
-              c.expected == R::Success ? R::Success : R::ErrorNotInitialised);
+    EXPECT_EQ(qorReverbGetCurrentLatency(inst, &latency), c.expected == R::Success ? R::Success : R::ErrorNotInitialised);
   }
-}
 
-TEST(ReverbConfig, CallOrderAlignmentAndLatency) {
   Reverb r(defaults());
-  QorReverbConfig config{48000, 256, 2, 48000, 256, 2, defaults()};
+  QorReverbConfig config = configWith(defaults());
   EXPECT_EQ(qorReverbInit(r.inst, &config), R::ErrorAlreadyInitialised);
   EXPECT_EQ(qorReverbProcess(r.inst, nullptr), R::ErrorNullPointer);
   EXPECT_EQ(qorReverbGetParameters(r.inst, nullptr), R::ErrorNullPointer);
-
   // A channel 16 bytes off alignment is refused and left as it was.
   qor::test::ChannelBuffers buffers(2, 257);
   float* channels[2] = {buffers[0] + 4, buffers[1]};
   channels[0][0] = 0.25f;
   EXPECT_NO_ALLOCATION(EXPECT_EQ(qorReverbProcess(r.inst, channels), R::ErrorMisaligned));
   EXPECT_EQ(channels[0][0], 0.25f);
-
-  int latency = -1;
-  EXPECT_EQ(qorReverbGetCurrentLatency(r.inst, &latency), R::Success);
-  EXPECT_EQ(latency, 0);
   r.run(impulses(512, 1.0f, 1.0f));
   EXPECT_EQ(qorReverbGetCurrentLatency(r.inst, &latency), R::Success);
   EXPECT_EQ(latency, 0);
-
   EXPECT_EQ(qorReverbRelease(r.inst), R::Success);
   float* good[2] = {buffers[0], buffers[1]};
   EXPECT_NO_ALLOCATION(EXPECT_EQ(qorReverbProcess(r.inst, good), R::ErrorNotInitialised));
@@ -151,111 +133,84 @@ TEST(ReverbConfig, CallOrderAlignmentAndLatency) {
   EXPECT_EQ(qorReverbInit(r.inst, &config), R::Success);
 }
 
-struct FieldCheck {
-  float QorReverbParameters::*field;
-  float low, high;
-  R code;
-};
-
-TEST(ReverbParameters, EachRangeHasItsCodeAndARefusedUpdateChangesNothing) {
-  const FieldCheck checks[] = {
-      {&QorReverbParameters::earlyLateBalance, 0.0f, 1.0f, R::ErrorEarlyLateBalance},
-      {&QorReverbParameters::reflectionsCutoffHz, 10.0f, 10000.0f, R::ErrorReflectionsCutoff},
-      {&QorReverbParameters::roomSize, 0.01f, 1.0f, R::ErrorRoomSize},
-      {&QorReverbParameters::lowDecayMs, 100.0f, 6000.0f, R::ErrorLowDecay},
-      {&QorReverbParameters::crossoverHz, 100.0f, 10000.0f, R::ErrorCrossover},
-      {&QorReverbParameters::highDecayMs, 100.0f, 6000.0f, R::ErrorHighDecay},
-      {&QorReverbParameters::mix, 0.0f, 1.0f, R::ErrorMix},
-      {&QorReverbParameters::crossfadeTime, 0.0f, 250.0f, R::ErrorCrossfadeTime},
+TEST(ReverbParameters, RangeCodesRefusedUpdatesNanAndClampedRoomType) {
+  const struct {
+    float P::*field;
+    float low, high;
+    R code;
+  } checks[] = {
+      {&P::earlyLateBalance, 0.0f, 1.0f, R::ErrorEarlyLateBalance},
+      {&P::reflectionsCutoffHz, 10.0f, 10000.0f, R::ErrorReflectionsCutoff},
+      {&P::roomSize, 0.01f, 1.0f, R::ErrorRoomSize},
+      {&P::lowDecayMs, 100.0f, 6000.0f, R::ErrorLowDecay},
+      {&P::crossoverHz, 100.0f, 10000.0f, R::ErrorCrossover},
+      {&P::highDecayMs, 100.0f, 6000.0f, R::ErrorHighDecay},
+      {&P::mix, 0.0f, 1.0f, R::ErrorMix},
+      {&P::crossfadeTime, 0.0f, 250.0f, R::ErrorCrossfadeTime},
   };
   EXPECT_EQ(static_cast<int32_t>(R::ErrorCrossover), -1005005);
-  const Stereo noise = {qor::test::whiteNoise(2048, 7, 0.3), qor::test::whiteNoise(2048, 8, 0.3)};
-  Reverb twin(defaults());
-  const Stereo expected = twin.run(noise);
-
-  Reverb r(defaults());
-  for (const FieldCheck& c : checks) {
-    for (float bad : {std::nextafter(c.low, -1e9f), std::nextafter(c.high, 1e9f)}) {
-      QorReverbParameters p = defaults();
-      p.*(c.field) = bad;
-      EXPECT_EQ(r.update(p), c.code) << bad;
-      QorReverbConfig config{48000, 256, 2, 48000, 256, 2, p};
+  const Stereo in = noise(2048, 7);
+  Reverb twin(defaults()), r(defaults());
+  const Stereo expected = twin.run(in);
+  for (const auto& c : checks) {
+    for (float value : {std::nextafter(c.low, -1e9f), c.low, c.high, std::nextafter(c.high, 1e9f)}) {
+      const bool inside = value >= c.low && value <= c.high;
+      P p = defaults();
+      p.*(c.field) = value;
+      const QorReverbConfig config = configWith(p);
       size_t size = 0;
-      EXPECT_EQ(qorReverbGetInstanceSize(&config, &size), c.code);
-    }
-    for (float good : {c.low, c.high}) {
-      QorReverbParameters p = defaults();
-      p.*(c.field) = good;
-      QorReverbConfig config{48000, 256, 2, 48000, 256, 2, p};
-      size_t size = 0;
-      EXPECT_EQ(qorReverbGetInstanceSize(&config, &size), R::Success);
+      EXPECT_EQ(qorReverbGetInstanceSize(&config, &size), inside ? R::Success : c.code) << value;
+      if (!inside) {
+        EXPECT_EQ(r.update(p), c.code) << value;
+      }
     }
   }
-  QorReverbParameters now{};
+  P now{};
   ASSERT_EQ(qorReverbGetParameters(r.inst, &now), R::Success);
   EXPECT_EQ(now.roomSize, defaults().roomSize);
   EXPECT_EQ(now.mix, defaults().mix);
-  EXPECT_EQ(r.run(noise), expected) << "refused updates left traces in the signal";
-}
+  EXPECT_EQ(r.run(in), expected) << "refused updates left traces in the signal";
 
-TEST(ReverbParameters, NanPassesAndRoomTypeIsClampedNotRefused) {
-  Reverb r(defaults());
-  QorReverbParameters p = defaults();
+  P p = defaults();
   p.reflectionsCutoffHz = std::nanf("");
   EXPECT_EQ(r.update(p), R::Success);
-
-  const Stereo noise = {qor::test::whiteNoise(4096, 3, 0.3), qor::test::whiteNoise(4096, 4, 0.3)};
-  QorReverbParameters high = defaults();
-  high.roomType = 42;
-  QorReverbParameters nine = defaults();
-  nine.roomType = 9;
+  // Room types above the table are clamped to the last, not refused.
+  P high = defaults(), nine = defaults();
+  high.roomType = 42, nine.roomType = 9;
   Reverb a(high), b(nine);
-  EXPECT_EQ(a.run(noise), b.run(noise));
+  EXPECT_EQ(a.run(noise(4096, 3)), b.run(noise(4096, 3)));
 }
 
 // ---------------------------------------------------------------- mixing
 
-TEST(ReverbMix, MixZeroReturnsTheDrySignalExactly) {
-  QorReverbParameters p = defaults();
+TEST(ReverbMix, DryPathsAreExact) {
+  const Stereo in = noise(4096, 11);
+  P p = defaults();
   p.mix = 0.0f;
-  Reverb r(p);
-  const Stereo noise = {qor::test::whiteNoise(8192, 11, 0.5), qor::test::whiteNoise(8192, 12, 0.5)};
-  EXPECT_EQ(r.run(noise), noise);
-}
-
-TEST(ReverbMix, RoomZeroWithoutTailIsTheScaledDrySignal) {
-  QorReverbParameters p = defaults();
-  p.roomType = 0;
-  p.earlyLateBalance = 0.0f;
+  EXPECT_EQ(Reverb(p).run(in), in) << "mix 0";
+  p = defaults();
+  p.enable = 0;
+  EXPECT_EQ(Reverb(p).run(in), in) << "disabled at Init";
+  // Room 0 without a tail is the dry share alone.
+  p = wet(0, 0.0f);
   p.mix = 0.3f;
-  Reverb r(p);
-  const Stereo noise = {qor::test::whiteNoise(4096, 13, 0.5), qor::test::whiteNoise(4096, 14, 0.5)};
-  const Stereo out = r.run(noise);
+  const Stereo out = Reverb(p).run(in);
   for (int c = 0; c < 2; ++c) {
-    for (size_t i = 0; i < noise[c].size(); ++i) ASSERT_EQ(out[c][i], 0.7f * noise[c][i]) << i;
+    for (size_t i = 0; i < in[c].size(); ++i) ASSERT_EQ(out[c][i], 0.7f * in[c][i]) << i;
   }
 }
 
-TEST(ReverbMix, BalanceZeroKeepsOnlyTheReflections) {
-  Reverb r(reflectionsOnly(1, 0.45f));
+TEST(ReverbMix, BalanceZeroKeepsOnlyTheReflectionsAndOneOnlyTheTail) {
+  Reverb r(wet(1, 0.0f, 0.45f));
   const Stereo out = r.run(impulses(4096, 1.0f, 0.0f));
-  const int32_t last = tapDelay(25.2, 0.45, 48000);
+  const int32_t last = tapDelay(25.2, 0.45);
   EXPECT_GT(qor::test::peakAbs(out[0], 0, last + 1), 0.05);
   EXPECT_LT(qor::test::peakAbs(out[0], last + 200), 1e-9) << "a late tail is left";
   EXPECT_LT(qor::test::peakAbs(out[1], last + 200), 1e-9);
-}
 
-TEST(ReverbMix, BalanceOneFeedsTheTailWithTheDrySignalAlone) {
   // Rooms 0 and 1 differ only in their reflections at this size: the late
   // pre-delay of room 1 is shorter than the network's first line.
-  auto run = [](int32_t room, float balance) {
-    QorReverbParameters p = defaults();
-    p.roomType = room;
-    p.earlyLateBalance = balance;
-    p.mix = 1.0f;
-    Reverb r(p);
-    return r.run({qor::test::whiteNoise(4096, 5, 0.5), qor::test::whiteNoise(4096, 6, 0.5)});
-  };
+  auto run = [](int32_t room, float balance) { return Reverb(wet(room, balance)).run(noise(4096, 5)); };
   EXPECT_EQ(run(1, 1.0f), run(0, 1.0f));
   EXPECT_NE(run(1, 0.9f), run(0, 0.9f));
 }
@@ -273,49 +228,40 @@ class ReverbTaps : public ::testing::TestWithParam<TapCase> {};
 
 TEST_P(ReverbTaps, ArriveAtTheTabledTimesScaledByRoomSize) {
   const TapCase& c = GetParam();
-  const double a = lowPassFirst(10000.0, 48000.0);
   for (int input = 0; input < 2; ++input) {
-    Reverb r(reflectionsOnly(c.room, c.size));
+    Reverb r(wet(c.room, 0.0f, c.size));
     const Stereo out = r.run(impulses(c.taps.back()[0] * c.size * 48 + 512, input == 0, input == 1));
+    const bool swap = input == 1 && c.mirror;
     for (const auto& tap : c.taps) {
-      const int32_t d = tapDelay(tap[0], c.size, 48000);
-      const bool swap = input == 1 && c.mirror;
-      const double gl = swap ? tap[2] : tap[1];
-      const double gr = swap ? tap[1] : tap[2];
-      EXPECT_NEAR(out[0][d], gl * a, 1e-4 * gl + 1e-7) << "tap at " << tap[0] << " ms";
-      EXPECT_NEAR(out[1][d], gr * a, 1e-4 * gr + 1e-7) << "tap at " << tap[0] << " ms";
+      const int32_t d = tapDelay(tap[0], c.size);
+      for (int ch = 0; ch < 2; ++ch) {
+        const double g = tap[(ch == 0) != swap ? 1 : 2];
+        EXPECT_NEAR(out[ch][d], g * kLowPassFirst, 1e-4 * g + 1e-7) << "tap at " << tap[0] << " ms, ch " << ch;
+      }
       EXPECT_LT(std::fabs(out[0][d - 1]), 1e-6) << "arrives early";
     }
   }
 }
 
+const std::vector<std::array<double, 3>> kRoomOne = {{13.4, 0.1776, 0.1776}, {18.0, 0.2512, 0.0447}, {25.2, 0.1259, 0.1259}};
 INSTANTIATE_TEST_SUITE_P(
     Rooms, ReverbTaps,
-    ::testing::Values(
-        TapCase{1, 0.45f, {{13.4, 0.1776, 0.1776}, {18.0, 0.2512, 0.0447}, {25.2, 0.1259, 0.1259}}, false},
-        TapCase{1, 1.0f, {{13.4, 0.1776, 0.1776}, {18.0, 0.2512, 0.0447}, {25.2, 0.1259, 0.1259}}, false},
-        TapCase{8,
-                0.3f,
-                {{200, 0.5012, 0.0891},
-                 {400, 0.0631, 0.3548},
-                 {600, 0.2512, 0.0447},
-                 {800, 0.0316, 0.1776},
-                 {1000, 0.1259, 0.0224},
-                 {1200, 0.0178, 0.1000},
-                 {1400, 0.0707, 0.0126}},
-                true}));
+    ::testing::Values(TapCase{1, 0.45f, kRoomOne, false}, TapCase{1, 1.0f, kRoomOne, false},
+                      TapCase{8, 0.3f,
+                              {{200, 0.5012, 0.0891}, {400, 0.0631, 0.3548}, {600, 0.2512, 0.0447},
+                               {800, 0.0316, 0.1776}, {1000, 0.1259, 0.0224}, {1200, 0.0178, 0.1000},
+                               {1400, 0.0707, 0.0126}},
+                              true}));
 
 TEST(ReverbDiffusedBus, SmearsItsTapsWhileThePlainBusKeepsThemSharp) {
   // Room 2 at full size: plain taps at 26 and 52 ms, diffused at 55 and 80 ms.
-  Reverb r(reflectionsOnly(2, 1.0f));
-  const Stereo out = r.run(impulses(4800, 1.0f, 0.0f));
+  const Stereo out = Reverb(wet(2, 0.0f, 1.0f)).run(impulses(4800, 1.0f, 0.0f));
   auto firstShare = [&](int c, int32_t at) {
     double e = 0.0;
     for (int32_t i = at; i < at + 100; ++i) e += static_cast<double>(out[c][i]) * out[c][i];
     return out[c][at] * out[c][at] / e;
   };
-  const int32_t plain = tapDelay(52, 1.0, 48000);
-  const int32_t diffused = tapDelay(55, 1.0, 48000);
+  const int32_t plain = tapDelay(52, 1.0), diffused = tapDelay(55, 1.0);
   EXPECT_GT(firstShare(0, plain), 0.7);
   EXPECT_LT(firstShare(1, diffused), 0.2);
   EXPECT_EQ(out[1][diffused - 1], 0.0f) << "the diffused tap starts at its own time";
@@ -323,91 +269,73 @@ TEST(ReverbDiffusedBus, SmearsItsTapsWhileThePlainBusKeepsThemSharp) {
   // The three all-passes have the same coefficient size on both sides, so the
   // first diffused samples keep the tabled left/right ratio.
   EXPECT_NEAR(out[0][diffused] / out[1][diffused], 0.0178 / 0.1000, 1e-3);
+
+  // Room 9 at the smallest size starts at 17 ms.
+  const Stereo small = Reverb(wet(9, 0.0f, 0.01f)).run(impulses(2048, 1.0f, 1.0f));
+  EXPECT_EQ(firstNonZero(small[0]), 816u);
+  EXPECT_EQ(firstNonZero(small[1]), 816u);
 }
 
-TEST(ReverbDiffusedBus, RoomNineAtTheSmallestSizeStartsAt17Ms) {
-  Reverb r(reflectionsOnly(9, 0.01f));
-  const Stereo out = r.run(impulses(2048, 1.0f, 1.0f));
-  EXPECT_EQ(firstNonZero(out[0]), 816u);
-  EXPECT_EQ(firstNonZero(out[1]), 816u);
-}
-
-TEST(ReverbTapChanges, CrossfadeFromTheOldDelayToTheNewOverTheRamp) {
-  Reverb r(reflectionsOnly(1, 0.45f));
-  r.silence(256);
-  ASSERT_EQ(r.update(reflectionsOnly(1, 0.9f)), R::Success);
+TEST(ReverbTapChanges, CrossfadeOldToNewDelayAndSurplusTapsFadeOut) {
+  Reverb r(wet(1, 0.0f, 0.45f));
+  r.run(impulses(256, 0.0f, 0.0f));
+  ASSERT_EQ(r.update(wet(1, 0.0f, 0.9f)), R::Success);
   // The impulse enters 64 samples into the 128-sample ramp: half old, half new.
-  const Stereo out = r.run(impulses(2048, 1.0f, 0.0f, 63));
-  const double a = lowPassFirst(10000.0, 48000.0);
-  for (auto [ms, gain] : {std::pair{13.4, 0.1776}, {18.0, 0.2512}, {25.2, 0.1259}}) {
-    EXPECT_NEAR(out[0][63 + tapDelay(ms, 0.45, 48000)], 0.5 * gain * a, 1e-3 * gain) << ms;
-    EXPECT_NEAR(out[0][63 + tapDelay(ms, 0.9, 48000)], 0.5 * gain * a, 1e-3 * gain) << ms;
+  Stereo out = r.run(impulses(2048, 1.0f, 0.0f, 63));
+  for (const auto& tap : kRoomOne) {
+    for (double size : {0.45, 0.9}) {
+      EXPECT_NEAR(out[0][63 + tapDelay(tap[0], size)], 0.5 * tap[1] * kLowPassFirst, 1e-3 * tap[1]) << tap[0];
+    }
   }
-}
 
-TEST(ReverbTapChanges, SurplusTapsFadeOutThenFallSilent) {
-  Reverb r(reflectionsOnly(8, 0.3f));
-  r.silence(256);
-  ASSERT_EQ(r.update(reflectionsOnly(0, 0.3f)), R::Success);
-  const double a = lowPassFirst(10000.0, 48000.0);
-  Stereo out = r.run(impulses(24000, 1.0f, 0.0f, 63));
-  EXPECT_NEAR(out[0][63 + tapDelay(200, 0.3, 48000)], 0.5 * 0.5012 * a, 1e-3);
-  EXPECT_NEAR(out[1][63 + tapDelay(400, 0.3, 48000)], 0.5 * 0.3548 * a, 1e-3);
-  out = r.run(impulses(24000, 1.0f, 1.0f));
-  EXPECT_EQ(qor::test::peakAbs(out[0]) + qor::test::peakAbs(out[1]), 0.0);
+  Reverb s(wet(8, 0.0f, 0.3f));
+  s.run(impulses(256, 0.0f, 0.0f));
+  ASSERT_EQ(s.update(wet(0, 0.0f, 0.3f)), R::Success);
+  out = s.run(impulses(24000, 1.0f, 0.0f, 63));
+  EXPECT_NEAR(out[0][63 + tapDelay(200, 0.3)], 0.5 * 0.5012 * kLowPassFirst, 1e-3);
+  EXPECT_NEAR(out[1][63 + tapDelay(400, 0.3)], 0.5 * 0.3548 * kLowPassFirst, 1e-3);
+  out = s.run(impulses(24000, 1.0f, 1.0f));
+  EXPECT_EQ(qor::test::peakAbs(out[0]) + qor::test::peakAbs(out[1]), 0.0) << "surplus taps fell silent";
 }
 
 // ---------------------------------------------------------------- late tail
 
 // Band-pass (Audio EQ Cookbook, 0 dB peak) run twice, in double precision.
-std::vector<double> bandPass(const std::vector<float>& x, double centre, double q, double rate) {
-  const double w = 2.0 * std::numbers::pi * centre / rate;
-  const double alpha = std::sin(w) / (2.0 * q);
-  const double a0 = 1.0 + alpha;
-  const double b0 = alpha / a0, b2 = -alpha / a0, a1 = -2.0 * std::cos(w) / a0, a2 = (1.0 - alpha) / a0;
+std::vector<double> bandPass(const std::vector<float>& x, double centre, double q) {
+  const double w = 2.0 * std::numbers::pi * centre / 48000.0, alpha = std::sin(w) / (2.0 * q), a0 = 1.0 + alpha;
+  const double b0 = alpha / a0, a1 = -2.0 * std::cos(w) / a0, a2 = (1.0 - alpha) / a0;
   std::vector<double> y(x.begin(), x.end());
   for (int pass = 0; pass < 2; ++pass) {
     double x1 = 0, x2 = 0, y1 = 0, y2 = 0;
     for (double& v : y) {
-      const double out = b0 * v + b2 * x2 - a1 * y1 - a2 * y2;
-      x2 = x1;
-      x1 = v;
-      y2 = y1;
-      y1 = out;
-      v = out;
+      const double out = b0 * (v - x2) - a1 * y1 - a2 * y2;
+      x2 = x1, x1 = v, y2 = y1, y1 = v = out;
     }
   }
   return y;
 }
 
 // RT60 from the Schroeder backward integral, fitted between -5 and -25 dB.
-double reverberationTime(const std::vector<double>& y, double rate) {
+double reverberationTime(const std::vector<double>& y) {
   std::vector<double> energy(y.size());
   double acc = 0.0;
   for (size_t i = y.size(); i-- > 0;) energy[i] = acc += y[i] * y[i];
   double n = 0, st = 0, sd = 0, stt = 0, std_ = 0;
   for (size_t i = 0; i < y.size(); ++i) {
-    const double db = 10.0 * std::log10(energy[i] / energy[0]);
+    const double db = 10.0 * std::log10(energy[i] / energy[0]), t = static_cast<double>(i) / 48000.0;
     if (db > -5.0) continue;
     if (db < -25.0) break;
-    const double t = static_cast<double>(i) / rate;
-    n += 1;
-    st += t;
-    sd += db;
-    stt += t * t;
-    std_ += t * db;
+    n += 1, st += t, sd += db, stt += t * t, std_ += t * db;
   }
-  const double slope = (n * std_ - st * sd) / (n * stt - st * st);
-  return -60.0 / slope;
+  return -60.0 / ((n * std_ - st * sd) / (n * stt - st * st));
 }
 
 int32_t nearestTablePrime(int32_t n) {
   auto isPrime = [](int32_t v) {
-    if (v < 2) return false;
     for (int32_t d = 2; d * d <= v; ++d) {
       if (v % d == 0) return false;
     }
-    return true;
+    return v >= 2;
   };
   if (n > 7919) return 7919;
   for (int32_t off = 0;; ++off) {
@@ -446,19 +374,12 @@ double modelReverberationTime(double f, double lowMs, double highMs, double cros
 }
 
 TEST(ReverbLateTail, DecaysInEachBandAsItsDecayTimeSays) {
-  QorReverbParameters p = defaults();
-  p.roomType = 0;
-  p.earlyLateBalance = 1.0f;
-  p.mix = 1.0f;
-  p.lowDecayMs = 3000.0f;
-  p.highDecayMs = 1000.0f;
-  p.crossoverHz = 2000.0f;
-  Reverb r(p);
-  const std::vector<float> ir = r.run(impulses(3 * 48000, 1.0f, 0.0f))[0];
-
-  const double low = reverberationTime(bandPass(ir, 125.0, 1.41, 48000.0), 48000.0);
-  const double mid = reverberationTime(bandPass(ir, 2000.0, 4.3, 48000.0), 48000.0);
-  const double high = reverberationTime(bandPass(ir, 8000.0, 1.41, 48000.0), 48000.0);
+  P p = wet(0, 1.0f);
+  p.lowDecayMs = 3000.0f, p.highDecayMs = 1000.0f, p.crossoverHz = 2000.0f;
+  const std::vector<float> ir = Reverb(p).run(impulses(3 * 48000, 1.0f, 0.0f))[0];
+  const double low = reverberationTime(bandPass(ir, 125.0, 1.41));
+  const double mid = reverberationTime(bandPass(ir, 2000.0, 4.3));
+  const double high = reverberationTime(bandPass(ir, 8000.0, 1.41));
   EXPECT_NEAR(low, 3.0, 0.15 * 3.0);
   EXPECT_NEAR(high, 1.0, 0.15 * 1.0);
   const double midModel = modelReverberationTime(2000.0, 3000.0, 1000.0, 2000.0, 48000.0);
@@ -467,41 +388,30 @@ TEST(ReverbLateTail, DecaysInEachBandAsItsDecayTimeSays) {
 }
 
 TEST(ReverbLateTail, MonoInputLeavesNoLowEndInTheDifference) {
-  QorReverbParameters p = defaults();
-  p.roomType = 0;
-  p.earlyLateBalance = 1.0f;
-  p.mix = 1.0f;
-  Reverb r(p);
   const std::vector<float> mono = qor::test::whiteNoise(48000, 21, 0.5);
-  const Stereo out = r.run({mono, mono});
+  const Stereo out = Reverb(wet(0, 1.0f)).run({mono, mono});
   std::vector<float> mid(mono.size()), side(mono.size());
-  for (size_t i = 0; i < mono.size(); ++i) {
-    mid[i] = out[0][i] + out[1][i];
-    side[i] = out[0][i] - out[1][i];
-  }
+  for (size_t i = 0; i < mono.size(); ++i) mid[i] = out[0][i] + out[1][i], side[i] = out[0][i] - out[1][i];
+  auto energy = [](const std::vector<double>& y) {
+    double e = 0.0;
+    for (size_t i = 4800; i < y.size(); ++i) e += y[i] * y[i];
+    return e;
+  };
   auto ratioDb = [&](double centre) {
-    auto energy = [](const std::vector<double>& y) {
-      double e = 0.0;
-      for (size_t i = 4800; i < y.size(); ++i) e += y[i] * y[i];
-      return e;
-    };
-    return 10.0 * std::log10(energy(bandPass(side, centre, 1.41, 48000.0)) /
-                             energy(bandPass(mid, centre, 1.41, 48000.0)));
+    return 10.0 * std::log10(energy(bandPass(side, centre, 1.41)) / energy(bandPass(mid, centre, 1.41)));
   };
   // Above the side high-pass the two outputs differ about as much as they
   // agree; a second-order Butterworth at 450 Hz takes 26 dB more off the
   // side at 100 Hz.
   const double highBand = ratioDb(4000.0);
-  const double lowBand = ratioDb(100.0);
   EXPECT_GT(highBand, -10.0);
-  EXPECT_LT(lowBand, highBand - 18.0);
+  EXPECT_LT(ratioDb(100.0), highBand - 18.0);
 }
 
 struct ScaleCase {
   uint32_t rate;
   int32_t room;
-  float size;
-  float lowMs, highMs;
+  float size, lowMs, highMs;
   double lateOffsetMs;
 };
 
@@ -511,23 +421,17 @@ class ReverbNetworkSize : public ::testing::TestWithParam<ScaleCase> {};
 // counted from the network's first line, whose length follows the scale.
 TEST_P(ReverbNetworkSize, FollowsTheLongerOfHighAndMidDecay) {
   const ScaleCase& c = GetParam();
-  QorReverbParameters p = defaults();
-  p.roomType = c.room;
-  p.roomSize = c.size;
-  p.lowDecayMs = c.lowMs;
-  p.highDecayMs = c.highMs;
-  p.earlyLateBalance = 1.0f;
-  p.mix = 1.0f;
-  Reverb r(p, c.rate);
-  const Stereo out = r.run(impulses(c.rate / 5, 1.0f, 1.0f));
+  P p = wet(c.room, 1.0f);
+  p.roomSize = c.size, p.lowDecayMs = c.lowMs, p.highDecayMs = c.highMs;
+  const Stereo out = Reverb(p, c.rate).run(impulses(c.rate / 5, 1.0f, 1.0f));
   const double scale = automaticScale(c.highMs, c.rate);
   if (c.rate == 48000 && c.highMs == 6000.0f) {
     EXPECT_NEAR(scale, 1.825, 0.001);
   }
   const int32_t first = nearestTablePrime(static_cast<int32_t>(std::floor(1499.0 * scale)));
-  const int32_t onset = tapDelay(c.lateOffsetMs, c.size, c.rate) - first;
-  EXPECT_EQ(firstNonZero(out[0]), static_cast<size_t>(onset)) << "scale " << scale;
-  EXPECT_EQ(firstNonZero(out[1]), static_cast<size_t>(onset));
+  const auto onset = static_cast<size_t>(tapDelay(c.lateOffsetMs, c.size, c.rate) - first);
+  EXPECT_EQ(firstNonZero(out[0]), onset) << "scale " << scale;
+  EXPECT_EQ(firstNonZero(out[1]), onset);
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, ReverbNetworkSize,
@@ -539,76 +443,44 @@ INSTANTIATE_TEST_SUITE_P(Cases, ReverbNetworkSize,
 
 // ---------------------------------------------------------------- state
 
-TEST(ReverbState, SettingsTakeEffectAtTheNextBlockAndTheLastUpdateWins) {
-  QorReverbParameters p = defaults();
-  p.roomType = 0;
-  p.earlyLateBalance = 0.0f;
-  p.mix = 1.0f;
-  Reverb r(p);
-  const Stereo noise = {qor::test::whiteNoise(256, 31, 0.5), qor::test::whiteNoise(256, 32, 0.5)};
-  EXPECT_EQ(qor::test::peakAbs(r.run(noise)[0]), 0.0) << "wet only and nothing wet";
-  p.mix = 0.0f;
-  ASSERT_EQ(r.update(p), R::Success);
-  EXPECT_EQ(r.run(noise), noise);
-  p.mix = 0.5f;
-  ASSERT_EQ(r.update(p), R::Success);
-  p.mix = 1.0f;
-  ASSERT_EQ(r.update(p), R::Success);
-  EXPECT_EQ(qor::test::peakAbs(r.run(noise)[0]), 0.0);
-}
-
 TEST(ReverbState, FlushSilencesEverythingAndKeepsTheParameters) {
   Reverb r(defaults());
-  r.run({qor::test::whiteNoise(9600, 41, 0.5), qor::test::whiteNoise(9600, 42, 0.5)});
+  r.run(noise(9600, 41));
   ASSERT_EQ(qorReverbFlush(r.inst), R::Success);
-  const Stereo out = r.silence(48000);
+  const Stereo out = r.run(impulses(48000, 0.0f, 0.0f));
   EXPECT_EQ(qor::test::peakAbs(out[0]) + qor::test::peakAbs(out[1]), 0.0);
-  QorReverbParameters now{};
+  P now{};
   ASSERT_EQ(qorReverbGetParameters(r.inst, &now), R::Success);
   EXPECT_EQ(now.roomType, defaults().roomType);
 }
 
 TEST(ReverbState, ACompletedFadeOutClearsTheTailAndRetunesAtOnce) {
-  QorReverbParameters p = reflectionsOnly(1, 0.45f);
-  p.earlyLateBalance = 0.5f;
+  P p = wet(1, 0.5f, 0.45f);
   p.crossfadeTime = 0.0f;
   Reverb r(p);
-  r.run({qor::test::whiteNoise(9600, 51, 0.5), qor::test::whiteNoise(9600, 52, 0.5)});
+  r.run(noise(9600, 51));
   p.enable = 0;
   ASSERT_EQ(r.update(p), R::Success);
-  const Stereo noise = {qor::test::whiteNoise(512, 53, 0.5), qor::test::whiteNoise(512, 54, 0.5)};
-  const Stereo passed = r.run(noise);
-  EXPECT_EQ(std::vector<float>(passed[0].begin() + 256, passed[0].end()),
-            std::vector<float>(noise[0].begin() + 256, noise[0].end()))
-      << "bypassed after the fade";
+  const Stereo in = noise(512, 53);
+  const Stereo passed = r.run(in);
+  EXPECT_TRUE(std::equal(passed[0].begin() + 256, passed[0].end(), in[0].begin() + 256)) << "bypassed after the fade";
 
-  p.enable = 1;
-  p.earlyLateBalance = 0.0f;
-  p.roomSize = 0.9f;
+  p.enable = 1, p.earlyLateBalance = 0.0f, p.roomSize = 0.9f;
   ASSERT_EQ(r.update(p), R::Success);
   // The fade-in's first sample is still dry; the impulse comes after it.
   const Stereo out = r.run(impulses(2048, 1.0f, 0.0f, 8));
-  const int32_t d = 8 + tapDelay(13.4, 0.9, 48000);
+  const int32_t d = 8 + tapDelay(13.4, 0.9);
   EXPECT_EQ(qor::test::peakAbs(out[0], 0, d), 0.0) << "the old tail survived the fade-out";
-  EXPECT_NEAR(out[0][d], 0.1776 * lowPassFirst(10000.0, 48000.0), 1e-5) << "not retuned at once";
-}
-
-TEST(ReverbState, DisabledAtInitPassesTheInputUntouched) {
-  QorReverbParameters p = defaults();
-  p.enable = 0;
-  Reverb r(p);
-  const Stereo noise = {qor::test::whiteNoise(2048, 61, 0.5), qor::test::whiteNoise(2048, 62, 0.5)};
-  EXPECT_EQ(r.run(noise), noise);
+  EXPECT_NEAR(out[0][d], 0.1776 * kLowPassFirst, 1e-5) << "not retuned at once";
 }
 
 TEST(ReverbState, BlockSizeDoesNotChangeTheResult) {
-  const Stereo noise = {qor::test::whiteNoise(24576, 71, 0.5), qor::test::whiteNoise(24576, 72, 0.5)};
-  Reverb small(defaults(), 48000, 128), large(defaults(), 48000, 512);
-  const Stereo a = small.run(noise), b = large.run(noise);
+  const Stereo in = noise(24576, 71);
+  const Stereo a = Reverb(defaults(), 48000, 128).run(in), b = Reverb(defaults(), 48000, 512).run(in);
   for (int c = 0; c < 2; ++c) {
     double worst = 0.0;
-    for (size_t i = 0; i < noise[c].size(); ++i) worst = std::max(worst, std::fabs(double(a[c][i]) - b[c][i]));
-      // Only the order of float sums in the reflection rings differs.
+    for (size_t i = 0; i < in[c].size(); ++i) worst = std::max(worst, std::fabs(double(a[c][i]) - b[c][i]));
+    // Only the order of float sums in the reflection rings differs.
     EXPECT_LT(worst, 1e-4 * qor::test::peakAbs(a[c])) << "channel " << c;
   }
 }

@@ -58,7 +58,7 @@ TEST_P(WavetableShapes, TablesFollowTheFormulaAndMirrorIntoTheReversedTable) {
 
 INSTANTIATE_TEST_SUITE_P(AllTwelve, WavetableShapes, ::testing::Range(0, 12));
 
-TEST(WavetableOscillator, StartsAsAOneHertzTriangleAndIgnoresUnknownShapes) {
+TEST(WavetableOscillator, StartsAsAOneHertzTriangleIgnoresUnknownShapesAndSetsStartPhase) {
   WavetableOscillator osc{};
   osc.init();
   EXPECT_EQ(osc.shape, 0);
@@ -71,6 +71,21 @@ TEST(WavetableOscillator, StartsAsAOneHertzTriangleAndIgnoresUnknownShapes) {
   EXPECT_EQ(osc.sampleRate, 48000.0f) << "a non-positive rate stands for 48 kHz";
   osc.setFrequency(std::nanf(""));
   EXPECT_EQ(osc.increment, 0u);
+
+  // The start phase is measured backwards from the table end.
+  auto sine = makeOscillator(1, 48000.0f, 100.0f);
+  for (const auto& [degrees, index] : {std::pair{90.0f, 192u}, std::pair{-90.0f, 64u},
+                                       std::pair{450.0f, 192u}, std::pair{0.0f, 0u},
+                                       std::pair{360.0f, 0u}, std::pair{45.0f, 224u}}) {
+    sine->setStartPhase(degrees);
+    EXPECT_EQ(sine->startPhase, index << 24) << degrees;
+    EXPECT_EQ(sine->phase, index << 24) << degrees;
+  }
+  sine->setStartPhase(-90.0f);
+  EXPECT_NEAR(sine->next(), 1.0f, 1e-6) << "entry 64 of the sine";
+  for (int i = 0; i < 1000; ++i) sine->next();
+  sine->reset();
+  EXPECT_EQ(sine->phase, 64u << 24);
 }
 
 TEST(WavetableOscillator, SineRunsAtTheTruncatedFixedPointIncrement) {
@@ -88,22 +103,6 @@ TEST(WavetableOscillator, SineRunsAtTheTruncatedFixedPointIncrement) {
     }
     EXPECT_NEAR(qor::test::toneAmplitude(out, hz, 44100.0), 1.0, 2e-3) << hz;
   }
-}
-
-TEST(WavetableOscillator, StartPhaseIsMeasuredBackwardsFromTheTableEnd) {
-  auto osc = makeOscillator(1, 48000.0f, 100.0f);
-  for (const auto& [degrees, index] : {std::pair{90.0f, 192u}, std::pair{-90.0f, 64u},
-                                       std::pair{450.0f, 192u}, std::pair{0.0f, 0u},
-                                       std::pair{360.0f, 0u}, std::pair{45.0f, 224u}}) {
-    osc->setStartPhase(degrees);
-    EXPECT_EQ(osc->startPhase, index << 24) << degrees;
-    EXPECT_EQ(osc->phase, index << 24) << degrees;
-  }
-  osc->setStartPhase(-90.0f);
-  EXPECT_NEAR(osc->next(), 1.0f, 1e-6) << "entry 64 of the sine";
-  for (int i = 0; i < 1000; ++i) osc->next();
-  osc->reset();
-  EXPECT_EQ(osc->phase, 64u << 24);
 }
 
 TEST(WavetableOscillator, NegativeFrequencyRetracesTheCurve) {
