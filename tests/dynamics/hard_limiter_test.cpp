@@ -92,22 +92,12 @@ TEST(HardLimiterQuiet, UnderTheCeilingPassesAtUnityDelayedByFourSubBlocksReporte
   }
 }
 
-TEST(HardLimiterInputGain, GainIsAppliedBeforeLimitingAndGlidesInPerSubBlock) {
+TEST(HardLimiterInputGain, GainIsAppliedBeforeLimiting) {
   // +20 dB on -30 dBFS stays under the ceiling: the output peaks near -10 dBFS.
   Limiter lifted(with(5, 250, 20));
   const std::vector<float> quiet = crestTone({{std::pow(10.0, -1.5), 1500}});
   const std::vector<float> y = lifted.run(quiet);
   EXPECT_NEAR(peakAbs(y, 24000), std::pow(10.0, -0.5), 0.002);
-
-  // The applied gain closes 3.28 % of the way per sub-block.
-  const double target = 10.0;
-  double g = 1.0;
-  std::vector<double> expected;
-  for (int b = 0; b < 200; ++b) expected.push_back(g = 0.9672161 * g + 0.0327839 * target);
-  for (size_t b = 4; b < 200; ++b) {
-    const double measured = std::fabs(y[32 * b]) / std::fabs(quiet[32 * (b - 4)]);
-    ASSERT_NEAR(measured, expected[b], 1e-4 * expected[b]) << "sub-block " << b;
-  }
 
   // +20 dB on -10 dBFS would reach +10 dBFS: limited to the ceiling instead.
   Limiter pushed(with(5, 250, 20));
