@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
+#include <numbers>
+#include <utility>
 #include <memory>
 #include <vector>
 
@@ -40,6 +43,27 @@ Signal runBlocks(Process&& process, const Signal& input, uint32_t block) {
 // The same signal on every channel.
 inline Signal onChannels(const std::vector<float>& x, uint32_t channels) {
   return Signal(channels, x);
+}
+
+// A 750 Hz cosine at 48 kHz in segments of {amplitude, whole 32-sample
+// sub-blocks} (even counts keep it smooth): every sub-block starts on a crest
+// or a trough, so its peak is the amplitude and the gain applied at its first
+// sample can be read off as |out| / |in|.
+inline std::vector<float> crestTone(const std::vector<std::pair<double, int>>& segments) {
+  std::vector<float> x;
+  for (auto [amplitude, subBlocks] : segments) {
+    for (int i = 0; i < 32 * subBlocks; ++i) {
+      x.push_back(static_cast<float>(amplitude * std::cos(2.0 * std::numbers::pi * x.size() / 64.0)));
+    }
+  }
+  return x;
+}
+
+template <class C>
+typename C::Params defaultParameters() {
+  typename C::Params p{};
+  EXPECT_EQ(static_cast<int32_t>(C::defaults(&p)), 0);
+  return p;
 }
 
 // The calls of family N as static members, for the helpers below.

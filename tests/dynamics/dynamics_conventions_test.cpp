@@ -122,7 +122,9 @@ struct Gate {
 struct Limiter {
   FAMILY_CALLS(HardLimiter)
   static constexpr int kLatency = 128;
-  static std::vector<float*> floats(Params& p) { return {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime}; }
+  static std::vector<float*> floats(Params& p) {
+    return {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime};
+  }
   static std::vector<BadField<Params>> bad() {
     return outOfRange<Limiter>({{0, 10}, {10, 500}, {-20, 20}, {0, 250}}, {}, 0.5f);
   }

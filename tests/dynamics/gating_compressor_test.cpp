@@ -18,15 +18,11 @@ using namespace QorGatingCompressor_API_V1;
 using R = QorGatingCompressorResult;
 using qor::test::Signal;
 
-QorGatingCompressorParameters defaults() {
-  QorGatingCompressorParameters p{};
-  qorGatingCompressorGetDefaultParameters(&p);
-  return p;
-}
-
 struct Calls {
   QOR_FAMILY_CALLS(GatingCompressor)
 };
+QorGatingCompressorParameters defaults() { return qor::test::defaultParameters<Calls>(); }
+
 struct Dynamics : qor::test::Instance<Calls> {
   explicit Dynamics(QorGatingCompressorParameters p = defaults(), uint32_t rate = 48000,
                     uint32_t block = 256, uint32_t channels = 1, uint8_t metering = 1)
@@ -48,22 +44,10 @@ QorGatingCompressorParameters compressorOnly(QorGatingCompressorParameters p = d
   return p;
 }
 
-// A 750 Hz cosine at 48 kHz: every 32-sample sub-block starts on a crest or a
-// trough, so sub-block peaks equal the amplitude exactly and the gain applied
-// at a sub-block's first sample can be read off as |out| / |in|.
-struct Segment {
-  double amplitudeDb;
-  int subBlocks;  // even, so the cosine continues smoothly
-};
-std::vector<float> crestTone(const std::vector<Segment>& segments) {
-  std::vector<float> x;
-  for (const Segment& s : segments) {
-    const double a = std::pow(10.0, s.amplitudeDb / 20.0);
-    for (int i = 0; i < 32 * s.subBlocks; ++i) {
-      x.push_back(static_cast<float>(a * std::cos(2.0 * std::numbers::pi * x.size() / 64.0)));
-    }
-  }
-  return x;
+// The crest tone with segment levels in dB.
+std::vector<float> crestTone(std::vector<std::pair<double, int>> segments) {
+  for (auto& s : segments) s.first = std::pow(10.0, s.first / 20.0);
+  return qor::test::crestTone(segments);
 }
 
 // Gain applied at the start of every output sub-block, given the delay.

@@ -17,13 +17,13 @@ namespace {
 using namespace QorHardLimiter_API_V1;
 using R = QorHardLimiterResult;
 using qor::test::Signal;
+using qor::test::crestTone;
 using qor::test::peakAbs;
 
-QorHardLimiterParameters defaults() {
-  QorHardLimiterParameters p{};
-  qorHardLimiterGetDefaultParameters(&p);
-  return p;
-}
+struct Calls {
+  QOR_FAMILY_CALLS(HardLimiter)
+};
+QorHardLimiterParameters defaults() { return qor::test::defaultParameters<Calls>(); }
 
 QorHardLimiterParameters with(float attack, float release, float inputGain, uint8_t enable = 1) {
   QorHardLimiterParameters p = defaults();
@@ -34,9 +34,6 @@ QorHardLimiterParameters with(float attack, float release, float inputGain, uint
   return p;
 }
 
-struct Calls {
-  QOR_FAMILY_CALLS(HardLimiter)
-};
 struct Limiter : qor::test::Instance<Calls> {
   explicit Limiter(QorHardLimiterParameters p = defaults(), uint32_t rate = 48000, uint32_t block = 256,
                    uint32_t channels = 1, uint8_t metering = 1)
@@ -48,18 +45,6 @@ struct Limiter : qor::test::Instance<Calls> {
     return points->points[0]->data;
   }
 };
-
-// 750 Hz cosine at 48 kHz in segments of whole sub-blocks: each 32-sample
-// sub-block starts on a crest, so |out| / |in| there is the applied gain.
-std::vector<float> crestTone(const std::vector<std::pair<double, int>>& segments) {
-  std::vector<float> x;
-  for (auto [amplitude, subBlocks] : segments) {
-    for (int i = 0; i < 32 * subBlocks; ++i) {
-      x.push_back(static_cast<float>(amplitude * std::cos(2.0 * std::numbers::pi * x.size() / 64.0)));
-    }
-  }
-  return x;
-}
 
 class HardLimiterTone : public ::testing::TestWithParam<double> {};
 

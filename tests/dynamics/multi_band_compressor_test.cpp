@@ -47,11 +47,7 @@ using Config = Calls::Config;
 
 class MultiBandCompressorTest : public ::testing::Test {
  protected:
-  static P defaults() {
-    P p{};
-    EXPECT_EQ(qorMultiBandCompressorGetDefaultParameters(&p), R::Success);
-    return p;
-  }
+  static P defaults() { return qor::test::defaultParameters<Calls>(); }
   QorMultiBandCompressorInst* make(const P& p, uint32_t channels = 1, uint32_t rate = 48000,
                                    uint32_t block = 256, uint8_t metering = 1) {
     made.push_back(std::make_unique<qor::test::Instance<Calls>>(

@@ -43,11 +43,7 @@ using Config = Calls::Config;
 
 class MultiBandEqualiserTest : public ::testing::Test {
  protected:
-  static P defaults() {
-    P p{};
-    EXPECT_EQ(qorMultiBandEqualiserGetDefaultParameters(&p), R::Success);
-    return p;
-  }
+  static P defaults() { return qor::test::defaultParameters<Calls>(); }
   QorMultiBandEqualiserInst* make(const P& p, uint32_t channels = 1, uint32_t block = 256) {
     made.push_back(std::make_unique<qor::test::Instance<Calls>>(
         Config{48000, block, channels, 48000, block, channels, p}));
