@@ -18,43 +18,21 @@ using namespace QorGatingCompressor_API_V1;
 using R = QorGatingCompressorResult;
 using qor::test::Signal;
 
-QorGatingCompressorParameters defaults() {
-  QorGatingCompressorParameters p{};
-  qorGatingCompressorGetDefaultParameters(&p);
-  return p;
-}
+struct Calls {
+  QOR_FAMILY_CALLS(GatingCompressor)
+};
+QorGatingCompressorParameters defaults() { return qor::test::defaultParameters<Calls>(); }
 
-struct Dynamics {
+struct Dynamics : qor::test::Instance<Calls> {
   explicit Dynamics(QorGatingCompressorParameters p = defaults(), uint32_t rate = 48000,
-                    uint32_t block = 256, uint32_t channels = 1, uint8_t metering = 1) {
-    config = {rate, block, channels, rate, block, channels, p, metering};
-    size_t size = 0;
-    EXPECT_EQ(qorGatingCompressorGetInstanceSize(&config, &size), R::Success);
-    memory = std::make_unique<qor::test::InstanceMemory>(size);
-    EXPECT_EQ(qorGatingCompressorInit(inst(), &config), R::Success);
-  }
-  QorGatingCompressorInst* inst() { return memory->as<QorGatingCompressorInst>(); }
-  Signal run(const Signal& in) {
-    return qor::test::runBlocks([&](float** ch) { return qorGatingCompressorProcess(inst(), ch); },
-                                in, config.inputBlockSize);
-  }
-  std::vector<float> run(const std::vector<float>& in) { return run(Signal{in})[0]; }
-  void update(QorGatingCompressorParameters p) {
-    ASSERT_EQ(qorGatingCompressorUpdateParameters(inst(), &p), R::Success);
-  }
-  int latency() {
-    int l = -1;
-    EXPECT_EQ(qorGatingCompressorGetCurrentLatency(inst(), &l), R::Success);
-    return l;
-  }
+                    uint32_t block = 256, uint32_t channels = 1, uint8_t metering = 1)
+      : Instance({rate, block, channels, rate, block, channels, p, metering}) {}
   const float* reading(int point) {
     const QorGatingCompressorMeteringPoints* points = nullptr;
     EXPECT_EQ(qorGatingCompressorGetMeteringPoints(inst(), &points), R::Success);
     EXPECT_EQ(points->points[point]->count, 1u);
     return points->points[point]->data;
   }
-  QorGatingCompressorConfig config{};
-  std::unique_ptr<qor::test::InstanceMemory> memory;
 };
 
 QorGatingCompressorParameters gateOnly(QorGatingCompressorParameters p = defaults()) {
@@ -66,22 +44,10 @@ QorGatingCompressorParameters compressorOnly(QorGatingCompressorParameters p = d
   return p;
 }
 
-// A 750 Hz cosine at 48 kHz: every 32-sample sub-block starts on a crest or a
-// trough, so sub-block peaks equal the amplitude exactly and the gain applied
-// at a sub-block's first sample can be read off as |out| / |in|.
-struct Segment {
-  double amplitudeDb;
-  int subBlocks;  // even, so the cosine continues smoothly
-};
-std::vector<float> crestTone(const std::vector<Segment>& segments) {
-  std::vector<float> x;
-  for (const Segment& s : segments) {
-    const double a = std::pow(10.0, s.amplitudeDb / 20.0);
-    for (int i = 0; i < 32 * s.subBlocks; ++i) {
-      x.push_back(static_cast<float>(a * std::cos(2.0 * std::numbers::pi * x.size() / 64.0)));
-    }
-  }
-  return x;
+// The crest tone with segment levels in dB.
+std::vector<float> crestTone(std::vector<std::pair<double, int>> segments) {
+  for (auto& s : segments) s.first = std::pow(10.0, s.first / 20.0);
+  return qor::test::crestTone(segments);
 }
 
 // Gain applied at the start of every output sub-block, given the delay.
@@ -225,31 +191,6 @@ INSTANTIATE_TEST_SUITE_P(AttackReleaseHold, GatingCompressorGateTiming,
                                            std::array<float, 3>{50, 1000, 200},
                                            std::array<float, 3>{200, 120, 30}));
 
-// Time from the end of a loud phrase until the gate is 6 dB down.
-double closingTimeMs(float holdMs) {
-  QorGatingCompressorParameters p = gateOnly();
-  p.gateHold = holdMs;
-  const std::vector<float> x = crestTone({{-20, 1500}, {-60, 1500}});
-  Dynamics d(p);
-  const std::vector<double> g = appliedGains(x, d.run(x), 128);
-  for (size_t j = 1500; j < g.size(); ++j) {
-    if (g[j] < 0.5) return (static_cast<double>(j) - 1500.0) * 32.0 / 48.0;
-  }
-  return -1;
-}
-
-// The hold counter also cycles while the gate is held open, so what is left
-// of the hold when a phrase ends lies between nothing and the whole hold.
-TEST(GatingCompressorHold, HoldDelaysTheClosingByAtMostItsLength) {
-  const double none = closingTimeMs(0.0f);
-  ASSERT_GT(none, 0.0);
-  for (float hold : {40.0f, 150.0f, 200.0f}) {
-    const double delay = closingTimeMs(hold) - none;
-    EXPECT_GT(delay, 0.0) << hold;
-    EXPECT_LE(delay, hold + 0.7) << hold;
-  }
-}
-
 std::vector<double> modelCompressor(const std::vector<float>& x, const QorGatingCompressorParameters& p) {
   const double rs = 1500.0;
   auto tc = [&](double ms) { return ms > 0 ? 1.0 - std::exp(-1.0 / (rs * ms / 1000.0)) : 1.0; };
@@ -290,7 +231,7 @@ TEST(GatingCompressorCompressorTiming, AttackAndReleaseFollowTheTwoFollowersInSe
   }
 }
 
-TEST(GatingCompressorLatency, ReportIsFixedWhileTheRealDelayVaries) {
+TEST(GatingCompressorLatency, ReportIsFixedWhileTheRealDelayVariesAndMeteringIsOptional) {
   // The report is a fixed figure: the real delay depends on the rate and on
   // which sections run.
   const std::vector<float> x = qor::test::whiteNoise(256 * 188, 21, 0.1);
@@ -300,11 +241,10 @@ TEST(GatingCompressorLatency, ReportIsFixedWhileTheRealDelayVaries) {
   Dynamics fast(defaults(), 96000);
   EXPECT_EQ(qor::test::delayByCrossCorrelation(x, fast.run(x), 1024), 512);
   EXPECT_EQ(fast.latency(), 256);
-  QorGatingCompressorParameters off = defaults();
-  off.enable = 0;
-  Dynamics bypassed(off);
-  EXPECT_EQ(bypassed.latency(), 0);
-  EXPECT_EQ(bypassed.run(x), x);
+  Dynamics unmetered(defaults(), 48000, 256, 1, 0);
+  const QorGatingCompressorMeteringPoints* points = nullptr;
+  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(unmetered.inst(), &points), R::ErrorMeteringDisabled);
+  EXPECT_EQ(points, nullptr) << "no metering unless configured";
 }
 
 TEST(GatingCompressorOddBlock, BlocksOffTheSubBlockGridPassButTheMixStillFades) {
@@ -394,19 +334,6 @@ TEST_F(GatingCompressorBypass, GateSwitchedOffKeepsItsLastReadingWhileTheStageIs
   EXPECT_NEAR(d.reading(0)[0], 0.0, 1e-6) << "and it stays there while the gate is off";
 }
 
-TEST(GatingCompressorState, FlushForgetsTheSignalButKeepsTheParameters) {
-  QorGatingCompressorParameters p = defaults();
-  p.compressorThreshold = -25;
-  const Signal x = {qor::test::whiteNoise(256 * 40, 8, 0.6), qor::test::whiteNoise(256 * 40, 9, 0.6)};
-  Dynamics used(p, 48000, 256, 2), fresh(p, 48000, 256, 2);
-  used.run(Signal{qor::test::whiteNoise(256 * 40, 1, 0.02), qor::test::whiteNoise(256 * 40, 2, 0.9)});
-  ASSERT_EQ(qorGatingCompressorFlush(used.inst()), R::Success);
-  EXPECT_EQ(used.run(x), fresh.run(x));
-  QorGatingCompressorParameters now{};
-  ASSERT_EQ(qorGatingCompressorGetParameters(used.inst(), &now), R::Success);
-  EXPECT_EQ(now.compressorThreshold, -25.0f);
-}
-
 TEST(GatingCompressorState, StereoChannelsShareOneGain) {
   QorGatingCompressorParameters p = defaults();
   p.compressorThreshold = -30;
@@ -416,61 +343,6 @@ TEST(GatingCompressorState, StereoChannelsShareOneGain) {
   for (size_t i = 256 * 20; i < loud.size(); i += 97) {
     ASSERT_NEAR(y[0][i] / loud[i - 256], y[1][i] / quiet[i - 256], 1e-4) << i;
   }
-}
-
-class GatingCompressorCalls : public ::testing::Test {
- protected:
-  QorGatingCompressorConfig good{48000, 256, 2, 48000, 256, 2, defaults(), 1};
-  static R sizeOf(QorGatingCompressorConfig c) {
-    size_t size = 0;
-    return qorGatingCompressorGetInstanceSize(&c, &size);
-  }
-};
-
-TEST_F(GatingCompressorCalls, ConfigurationChecksInOrder) {
-  for (uint32_t rate : {44100u, 48000u, 88200u, 96000u, 176400u, 192000u}) {
-    auto c = good;
-    c.inputSampleRate = c.outputSampleRate = rate;
-    EXPECT_EQ(sizeOf(c), R::Success) << rate;
-  }
-  auto c = good;
-  c.inputSampleRate = c.outputSampleRate = 32000;
-  c.inputBlockSize = 1;
-  EXPECT_EQ(sizeOf(c), R::ErrorSampleRate);
-  c = good;
-  c.outputSampleRate = 44100;
-  c.inputBlockSize = 1;
-  EXPECT_EQ(sizeOf(c), R::ErrorSampleRate) << "rates must match";
-  for (auto [in, out] : {std::pair{127u, 127u}, std::pair{4097u, 4097u}, std::pair{256u, 512u},
-                         std::pair{256u, 4097u}}) {
-    c = good;
-    c.inputBlockSize = in;
-    c.outputBlockSize = out;
-    c.outputChannels = 1;
-    EXPECT_EQ(sizeOf(c), R::ErrorBlockSize) << in << "/" << out;
-  }
-  c = good;
-  c.inputBlockSize = c.outputBlockSize = 128;
-  EXPECT_EQ(sizeOf(c), R::Success);
-  c.inputBlockSize = c.outputBlockSize = 4096;
-  EXPECT_EQ(sizeOf(c), R::Success);
-  c = good;
-  c.outputChannels = 1;
-  c.parameters.gateThreshold = 0;
-  EXPECT_EQ(sizeOf(c), R::ErrorOutputChannels);
-  c.outputChannels = 2;
-  EXPECT_EQ(sizeOf(c), R::ErrorGateThreshold);
-  c.inputChannels = c.outputChannels = 5;
-  c.parameters = defaults();
-  EXPECT_EQ(sizeOf(c), R::Success) << "any matching channel count";
-}
-
-TEST_F(GatingCompressorCalls, MeteringPointsOnlyWhenConfigured) {
-  Dynamics unmetered(defaults(), 48000, 256, 2, 0);
-  const QorGatingCompressorMeteringPoints* points = nullptr;
-  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(unmetered.inst(), &points), R::ErrorMeteringDisabled);
-  EXPECT_EQ(points, nullptr);
-  EXPECT_EQ(qorGatingCompressorGetMeteringPoints(unmetered.inst(), nullptr), R::ErrorNullPointer);
 }
 
 }  // namespace
