@@ -107,7 +107,11 @@ void resetCore(State& s) {
   s.y1 = s.y2 = s.y3 = 1.0f;
   s.previousGain = 1.0f;
   s.previousInputGain = 1.0f;
+  // A flush forgets the signal: the detector's stored peaks go too, not just
+  // its write position, or the gain after a flush would still follow them.
   s.detector.writeIndex = 0;
+  s.detector.window = 0;
+  for (float& peak : s.detector.history) peak = 0.0f;
   s.delay.clear();
 }
 

@@ -323,12 +323,6 @@ TYPED_TEST(DynamicsConventions, ReportedLatencyMatchesTheDelayOfNoise) {
 
 TYPED_TEST(DynamicsConventions, FlushForgetsTheSignalButKeepsTheParameters) {
   using F = TypeParam;
-  if constexpr (std::is_same_v<F, Limiter>) {
-    // Known fault, reported: the limiter's Flush rewinds its level detector
-    // but keeps the stored peaks, so the gain after Flush still follows the
-    // old signal (the outputs part at the first sample after the look-ahead).
-    GTEST_SKIP() << "the hard limiter's Flush keeps its detector history";
-  }
   auto* kept = this->another();
   auto* fresh = this->another();
   const Signal prime = {qor::test::whiteNoise(256 * 40, 1, 0.9), qor::test::whiteNoise(256 * 40, 2, 0.02)};
