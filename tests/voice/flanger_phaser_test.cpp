@@ -10,7 +10,8 @@
 #include <memory>
 #include <numbers>
 
-#include "block_runner.h"
+#include "support/block_runner.h"
+#include "support/signals.h"
 #include "dsp/voice/flanger_phaser.h"
 
 namespace {

@@ -11,7 +11,8 @@
 #include <numbers>
 #include <vector>
 
-#include "block_runner.h"
+#include "support/block_runner.h"
+#include "support/signals.h"
 #include "dsp/voice/reverb.h"
 
 namespace {
