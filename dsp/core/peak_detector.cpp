@@ -65,7 +65,10 @@ float peakHistoryRecentMax(const PeakHistory& h, int32_t count) {
 
 float peakHistoryUpdate(PeakHistory& h, const float* const* channels, uint32_t start, uint32_t n,
                         int32_t channelCount) {
-  const float p = blockPeak(channels, start, n, channelCount);
+  return peakHistoryPush(h, blockPeak(channels, start, n, channelCount));
+}
+
+float peakHistoryPush(PeakHistory& h, float p) {
   h.history[h.writeIndex] = p;
   h.writeIndex = h.writeIndex + 1 == h.length ? 0 : h.writeIndex + 1;
 
