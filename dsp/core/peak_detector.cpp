@@ -93,7 +93,32 @@ bool historyScan(const PeakHistory& h, float& m, double& sum) {
 
 float blockPeak(const float* const* channels, uint32_t start, uint32_t n, int32_t channelCount) {
   float peak = 0.0f;
-  for (int32_t c = 0; c < channelCount; ++c) peak = channelPeak(channels[c] + start, n, peak);
+  uint32_t done = 0;
+#if defined(__SSE2__)
+  // Short spans of several channels: one set of lanes for all of them, so
+  // the horizontal reduction happens once. Max ignores order, as above.
+  if (n >= 16 && channelCount > 1) {
+    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    __m128 m0 = _mm_setzero_ps(), m1 = m0, m2 = m0, m3 = m0;
+    done = n & ~15u;
+    for (int32_t c = 0; c < channelCount; ++c) {
+      const float* x = channels[c] + start;
+      for (uint32_t i = 0; i < done; i += 16) {
+        m0 = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(x + i), absMask), m0);
+        m1 = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(x + i + 4), absMask), m1);
+        m2 = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(x + i + 8), absMask), m2);
+        m3 = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(x + i + 12), absMask), m3);
+      }
+    }
+    m0 = _mm_max_ps(_mm_max_ps(m0, m1), _mm_max_ps(m2, m3));
+    alignas(16) float lanes[4];
+    _mm_store_ps(lanes, m0);
+    peak = std::max(std::max(lanes[0], lanes[1]), std::max(lanes[2], lanes[3]));
+  }
+#endif
+  for (int32_t c = 0; c < channelCount; ++c) {
+    peak = channelPeak(channels[c] + start + done, n - done, peak);
+  }
   return peak;
 }
 

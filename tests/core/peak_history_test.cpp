@@ -120,3 +120,31 @@ TEST(PeakHistoryPush, SameAsUpdateWithTheBlockPeak) {
 }
 
 }  // namespace
+
+namespace {
+
+// Several channels, any span, NaN samples included: the plain loop's answer.
+TEST(BlockPeakChannels, EqualsThePlainMaximum) {
+  std::mt19937 rng(99);
+  std::normal_distribution<float> noise(0.0f, 1.0f);
+  std::vector<std::vector<float>> data(3, std::vector<float>(80));
+  for (int trial = 0; trial < 200; ++trial) {
+    for (auto& channel : data) {
+      for (float& v : channel) v = noise(rng);
+    }
+    if (trial % 3 == 0) data[trial % 2][static_cast<size_t>(trial % 80)] = std::nanf("");
+    if (trial % 5 == 0) data[1][static_cast<size_t>((trial * 7) % 80)] = -40.0f;
+    const float* channels[] = {data[0].data(), data[1].data(), data[2].data()};
+    const auto start = static_cast<uint32_t>(trial % 7);
+    const auto n = static_cast<uint32_t>((trial * 13) % 74);
+    for (int32_t count = 0; count <= 3; ++count) {
+      float plain = 0.0f;
+      for (int32_t c = 0; c < count; ++c) {
+        for (uint32_t i = start; i < start + n; ++i) plain = std::max(plain, std::fabs(channels[c][i]));
+      }
+      ASSERT_EQ(qor::blockPeak(channels, start, n, count), plain) << trial << " " << count;
+    }
+  }
+}
+
+}  // namespace
