@@ -27,6 +27,9 @@ void peakHistorySetup(PeakHistory& h, uint32_t rate, uint32_t subBlock, uint32_t
 float peakHistoryUpdate(PeakHistory& h, const float* const* channels, uint32_t start, uint32_t n,
                         int32_t channelCount);
 
+// peakHistoryUpdate with the span's block peak already found by the caller.
+float peakHistoryPush(PeakHistory& h, float peak);
+
 // Largest of the `count` most recent entries.
 float peakHistoryRecentMax(const PeakHistory& h, int32_t count);
 

@@ -412,6 +412,94 @@ void applyBandGainStereo(const Coefficients& k, float state[][2], float* xl, flo
   state[1][1] = flushTiny(r2);
 }
 
+// Two slots' band-passes over a stereo sub-block in one loop, returning each
+// slot's peak |y|: four independent recursions overlap in the pipeline. The
+// arithmetic per value is that of bandPassStereo, and a max over magnitudes
+// does not depend on order, so levels match the separate passes.
+void bandPassPeaksStereo(Slot& a, Slot& b, const float* xl, const float* xr, uint32_t n,
+                         float& peakA, float& peakB) {
+  const float a0 = a.bandPass[0], a1 = a.bandPass[1], a2 = a.bandPass[2], af1 = a.bandPass[3],
+              af2 = a.bandPass[4];
+  const float b0 = b.bandPass[0], b1 = b.bandPass[1], b2 = b.bandPass[2], bf1 = b.bandPass[3],
+              bf2 = b.bandPass[4];
+  float al1 = a.bandPassState[0][0], al2 = a.bandPassState[0][1];
+  float ar1 = a.bandPassState[1][0], ar2 = a.bandPassState[1][1];
+  float bl1 = b.bandPassState[0][0], bl2 = b.bandPassState[0][1];
+  float br1 = b.bandPassState[1][0], br2 = b.bandPassState[1][1];
+  float ma = 0.0f, mb = 0.0f;
+  for (uint32_t i = 0; i < n; ++i) {
+    const float vl = xl[i], vr = xr[i];
+    const float oal = a0 * vl + al1;
+    const float oar = a0 * vr + ar1;
+    const float obl = b0 * vl + bl1;
+    const float obr = b0 * vr + br1;
+    al1 = a1 * vl + al2 + af1 * oal;
+    ar1 = a1 * vr + ar2 + af1 * oar;
+    bl1 = b1 * vl + bl2 + bf1 * obl;
+    br1 = b1 * vr + br2 + bf1 * obr;
+    al2 = a2 * vl + af2 * oal;
+    ar2 = a2 * vr + af2 * oar;
+    bl2 = b2 * vl + bf2 * obl;
+    br2 = b2 * vr + bf2 * obr;
+    ma = std::max(ma, std::max(std::fabs(oal), std::fabs(oar)));
+    mb = std::max(mb, std::max(std::fabs(obl), std::fabs(obr)));
+  }
+  a.bandPassState[0][0] = flushTiny(al1);
+  a.bandPassState[0][1] = flushTiny(al2);
+  a.bandPassState[1][0] = flushTiny(ar1);
+  a.bandPassState[1][1] = flushTiny(ar2);
+  b.bandPassState[0][0] = flushTiny(bl1);
+  b.bandPassState[0][1] = flushTiny(bl2);
+  b.bandPassState[1][0] = flushTiny(br1);
+  b.bandPassState[1][1] = flushTiny(br2);
+  peakA = ma;
+  peakB = mb;
+}
+
+// Slot a's gain then slot b's on a stereo sub-block, sample by sample: b's
+// recursion on one sample overlaps a's on the next instead of waiting for
+// the whole of a's pass. Same arithmetic as two applyBandGainStereo calls.
+void applyBandGainPairStereo(Slot& a, Slot& b, float* xl, float* xr, uint32_t n, float ga,
+                             float stepA, float gb, float stepB) {
+  const float a0 = a.allPass[0], a1 = a.allPass[1], a2 = a.allPass[2], af1 = a.allPass[3],
+              af2 = a.allPass[4];
+  const float b0 = b.allPass[0], b1 = b.allPass[1], b2 = b.allPass[2], bf1 = b.allPass[3],
+              bf2 = b.allPass[4];
+  float al1 = a.allPassState[0][0], al2 = a.allPassState[0][1];
+  float ar1 = a.allPassState[1][0], ar2 = a.allPassState[1][1];
+  float bl1 = b.allPassState[0][0], bl2 = b.allPassState[0][1];
+  float br1 = b.allPassState[1][0], br2 = b.allPassState[1][1];
+  for (uint32_t i = 0; i < n; ++i) {
+    const float vl = xl[i], vr = xr[i];
+    const float pl = a0 * vl + al1;
+    const float pr = a0 * vr + ar1;
+    al1 = a1 * vl + al2 + af1 * pl;
+    ar1 = a1 * vr + ar2 + af1 * pr;
+    al2 = a2 * vl + af2 * pl;
+    ar2 = a2 * vr + af2 * pr;
+    const float ul = 0.5f * (1.0f + ga) * vl + 0.5f * (1.0f - ga) * pl;
+    const float ur = 0.5f * (1.0f + ga) * vr + 0.5f * (1.0f - ga) * pr;
+    ga += stepA;
+    const float ql = b0 * ul + bl1;
+    const float qr = b0 * ur + br1;
+    bl1 = b1 * ul + bl2 + bf1 * ql;
+    br1 = b1 * ur + br2 + bf1 * qr;
+    bl2 = b2 * ul + bf2 * ql;
+    br2 = b2 * ur + bf2 * qr;
+    xl[i] = 0.5f * (1.0f + gb) * ul + 0.5f * (1.0f - gb) * ql;
+    xr[i] = 0.5f * (1.0f + gb) * ur + 0.5f * (1.0f - gb) * qr;
+    gb += stepB;
+  }
+  a.allPassState[0][0] = flushTiny(al1);
+  a.allPassState[0][1] = flushTiny(al2);
+  a.allPassState[1][0] = flushTiny(ar1);
+  a.allPassState[1][1] = flushTiny(ar2);
+  b.allPassState[0][0] = flushTiny(bl1);
+  b.allPassState[0][1] = flushTiny(bl2);
+  b.allPassState[1][0] = flushTiny(br1);
+  b.allPassState[1][1] = flushTiny(br2);
+}
+
 // Returns false when the block is not a whole number of sub-blocks.
 bool runEngine(State& s, float* const* channels) {
   const uint32_t n = s.header.inputBlockSize;
@@ -421,20 +509,41 @@ bool runEngine(State& s, float* const* channels) {
   const float invSub = 1.0f / static_cast<float>(sub);
 
   for (uint32_t at = 0; at < n; at += sub) {
+    // Detector levels: stereo slots go two at a time.
+    float level[kSlots] = {};
+    int pending = -1;
+    for (int k = 0; k < kSlots; ++k) {
+      Slot& slot = s.slots[k];
+      if (slot.enable == 0) continue;
+      if (channelCount == 2) {
+        if (pending < 0) {
+          pending = k;
+          continue;
+        }
+        Slot& first = s.slots[pending];
+        float peakA = 0.0f, peakB = 0.0f;
+        bandPassPeaksStereo(first, slot, channels[0] + at, channels[1] + at, sub, peakA, peakB);
+        level[pending] = qor::linearToDb(qor::peakHistoryPush(first.detector, peakA));
+        level[k] = qor::linearToDb(qor::peakHistoryPush(slot.detector, peakB));
+        pending = -1;
+        continue;
+      }
+      bandPass(slot.bandPass, slot.bandPassState[0], channels[0] + at, s.scratch[0], sub);
+      level[k] = qor::linearToDb(qor::peakHistoryUpdate(slot.detector, s.scratch, 0, sub, 1));
+    }
+    if (pending >= 0) {
+      Slot& slot = s.slots[pending];
+      bandPassStereo(slot.bandPass, slot.bandPassState, channels[0] + at, channels[1] + at,
+                     s.scratch[0], s.scratch[1], sub);
+      level[pending] = qor::linearToDb(qor::peakHistoryUpdate(slot.detector, s.scratch, 0, sub, 2));
+    }
+
     float target[kSlots];
     for (int k = 0; k < kSlots; ++k) {
       Slot& slot = s.slots[k];
       float gainDb = 0.0f;
       if (slot.enable != 0) {
-        if (channelCount == 2) {
-          bandPassStereo(slot.bandPass, slot.bandPassState, channels[0] + at, channels[1] + at,
-                         s.scratch[0], s.scratch[1], sub);
-        } else {
-          bandPass(slot.bandPass, slot.bandPassState[0], channels[0] + at, s.scratch[0], sub);
-        }
-        const float level = qor::linearToDb(qor::peakHistoryUpdate(
-            slot.detector, s.scratch, 0, sub, static_cast<int32_t>(channelCount)));
-        gainDb = std::min(slot.threshold - level, 0.0f) * slot.slope;
+        gainDb = std::min(slot.threshold - level[k], 0.0f) * slot.slope;
         if (gainDb < slot.floor) gainDb = slot.floor;
       }
       // 0 dB is exactly 1; most slots sit there, so skip the pow.
@@ -453,19 +562,34 @@ bool runEngine(State& s, float* const* channels) {
     }
     s.lookAheadIndex = (s.lookAheadIndex + 1) % kLookAhead;
 
+    pending = -1;
+    const auto step = [&](int k) { return (target[k] - s.slots[k].previous) * invSub; };
     for (int k = 0; k < kSlots; ++k) {
       Slot& slot = s.slots[k];
       // A switched-off band glides back to unity before it stops.
       if (slot.enable == 0 && slot.previous > 0.999f) continue;
-      const float step = (target[k] - slot.previous) * invSub;
       if (channelCount == 2) {
-        applyBandGainStereo(slot.allPass, slot.allPassState, channels[0] + at, channels[1] + at,
-                            sub, slot.previous, step);
-      } else {
-        applyBandGain(slot.allPass, slot.allPassState[0], channels[0] + at, sub, slot.previous,
-                      step);
+        if (pending < 0) {
+          pending = k;
+          continue;
+        }
+        Slot& first = s.slots[pending];
+        applyBandGainPairStereo(first, slot, channels[0] + at, channels[1] + at, sub,
+                                first.previous, step(pending), slot.previous, step(k));
+        first.previous = target[pending];
+        slot.previous = target[k];
+        pending = -1;
+        continue;
       }
+      applyBandGain(slot.allPass, slot.allPassState[0], channels[0] + at, sub, slot.previous,
+                    step(k));
       slot.previous = target[k];
+    }
+    if (pending >= 0) {
+      Slot& slot = s.slots[pending];
+      applyBandGainStereo(slot.allPass, slot.allPassState, channels[0] + at, channels[1] + at,
+                          sub, slot.previous, step(pending));
+      slot.previous = target[pending];
     }
   }
   return true;
