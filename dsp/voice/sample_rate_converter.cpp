@@ -242,10 +242,11 @@ class BlockConverter {
         outputPeriod_(1.0f / static_cast<float>(s.header.outputSampleRate)),
         // Up-sampling measures the kernel in input samples; down-sampling in
         // output samples, which stretches it to the lower cut-off.
-        kernelRate_(static_cast<float>(s.header.outputSampleRate > s.header.inputSampleRate
-                                           ? s.header.inputSampleRate
-                                           : s.header.outputSampleRate)),
-        perZeroCrossing_(static_cast<float>(s.parameters.samplesPerZeroCrossing)),
+        scale_(static_cast<float>(s.header.outputSampleRate > s.header.inputSampleRate
+                                      ? s.header.inputSampleRate
+                                      : s.header.outputSampleRate) *
+               s.rings[0].samplePeriod * static_cast<float>(s.parameters.samplesPerZeroCrossing)),
+        end_(static_cast<float>(s.tableLength)),
         gain_(s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio),
         weights_(s.tapOffsets),
         accumulator_(s.accumulators[0]),
@@ -260,7 +261,6 @@ class BlockConverter {
       // last output too, so it is current when feeding.
       int32_t need = position();
       while (need == 0 && o < outCount) {
-        weigh();
         produce(out, o);
         o += 1;
         accumulator_ -= outputPeriod_;
@@ -301,64 +301,84 @@ class BlockConverter {
   // instant. Each weight is the table read with linear interpolation, the
   // delta being the difference to the next entry (one 8-byte read).
   // Positions at or past the table's end read the last entry with fraction
-  // 1, which is exactly 0 because the entry after the last is 0.
-  void weigh() {
+  // 1, which is exactly 0 because the entry after the last is 0. The weights
+  // are kept for further channels while the first two are summed in the same
+  // pass; lanes are added (0 + 2) + (1 + 3).
+  void weighAndSum(const float* x0, const float* x1, float* y0, float* y1) {
     float* w = weights_;
-    const float frac = frac_, period = period_, rate = kernelRate_, np = perZeroCrossing_;
-    const float end = static_cast<float>(s_.tableLength), last = end - 1.0f;
+    const float frac = frac_, scale = scale_, end = end_, last = end_ - 1.0f;
     const float* table = s_.table;
     const int32_t top = half_ + pad_;
 #if QOR_SRC_SSE2
-    const __m128 vFrac = _mm_set1_ps(frac), vPeriod = _mm_set1_ps(period), vRate = _mm_set1_ps(rate);
-    const __m128 vNp = _mm_set1_ps(np), vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
+    const __m128 vFrac = _mm_set1_ps(frac), vScale = _mm_set1_ps(scale);
+    const __m128 vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
     const __m128 vAbs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
     const __m128 vFour = _mm_set1_ps(4.0f);
     __m128 vTop = _mm_set_ps(static_cast<float>(top - 3), static_cast<float>(top - 2),
                              static_cast<float>(top - 1), static_cast<float>(top));
-    auto group = [&]() {
-      const __m128 offset = _mm_mul_ps(_mm_sub_ps(vTop, vFrac), vPeriod);
-      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_mul_ps(vRate, offset), vAbs), vNp), vEnd);
+    __m128 a0 = _mm_setzero_ps(), a1 = _mm_setzero_ps();
+    // The padding is cleared by mask rather than by formula, so it stays 0
+    // whatever the rounding near the kernel's end.
+    __m128 keep = _mm_castsi128_ps(_mm_cmpgt_epi32(_mm_set_epi32(3, 2, 1, 0), _mm_set1_epi32(pad_ - 1)));
+    for (int32_t g = 0; g < groups_; ++g) {
+      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_sub_ps(vTop, vFrac), vAbs), vScale), vEnd);
       const __m128i vj = _mm_cvttps_epi32(_mm_min_ps(x, vLast));
       const __m128 f = _mm_sub_ps(x, _mm_cvtepi32_ps(vj));
-      const int32_t j0 = _mm_cvtsi128_si32(vj);
-      const int32_t j1 = _mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(1, 1, 1, 1)));
-      const int32_t j2 = _mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(2, 2, 2, 2)));
-      const int32_t j3 = _mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(3, 3, 3, 3)));
+      const auto j0 = static_cast<uint32_t>(_mm_cvtsi128_si32(vj));
+      const auto j1 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(1, 1, 1, 1))));
+      const auto j2 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(2, 2, 2, 2))));
+      const auto j3 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(3, 3, 3, 3))));
       __m128 p01 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + j0));
       p01 = _mm_loadh_pi(p01, reinterpret_cast<const __m64*>(table + j1));
       __m128 p23 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + j2));
       p23 = _mm_loadh_pi(p23, reinterpret_cast<const __m64*>(table + j3));
       const __m128 a = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
       const __m128 b = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
+      const __m128 wv = _mm_and_ps(_mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a))), keep);
+      keep = _mm_castsi128_ps(_mm_set1_epi32(-1));
       vTop = _mm_sub_ps(vTop, vFour);
-      return _mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a)));
-    };
-    // The padding is cleared by mask rather than by formula, so it stays 0
-    // whatever the rounding near the kernel's end.
-    const __m128 keep = _mm_castsi128_ps(
-        _mm_cmpgt_epi32(_mm_set_epi32(3, 2, 1, 0), _mm_set1_epi32(pad_ - 1)));
-    _mm_store_ps(w, _mm_and_ps(group(), keep));
-    for (int32_t g = 1; g < groups_; ++g) _mm_store_ps(w + 4 * g, group());
-#else
-    for (int32_t m = 0; m < 4 * groups_; ++m) {
-      const float offset = (static_cast<float>(top - m) - frac) * period;
-      const float x = std::min(std::fabs(rate * offset) * np, end);
-      const auto j = static_cast<int32_t>(std::min(x, last));
-      const float f = x - static_cast<float>(j);
-      const float h = table[j] + f * (table[j + 1] - table[j]);
-      w[m] = m < pad_ ? 0.0f : h;
+      _mm_store_ps(w + 4 * g, wv);
+      a0 = _mm_add_ps(a0, _mm_mul_ps(wv, _mm_loadu_ps(x0 + 4 * g)));
+      a1 = _mm_add_ps(a1, _mm_mul_ps(wv, _mm_loadu_ps(x1 + 4 * g)));
     }
+    storeSums(a0, a1, gain_, y0, y1);
+#else
+    float a0[4] = {}, a1[4] = {};
+    for (int32_t m = 0; m < 4 * groups_; ++m) {
+      const float x = std::min(std::fabs(static_cast<float>(top - m) - frac) * scale, end);
+      const auto j = static_cast<uint32_t>(std::min(x, last));
+      const float f = x - static_cast<float>(j);
+      const float h = m < pad_ ? 0.0f : table[j] + f * (table[j + 1] - table[j]);
+      w[m] = h;
+      a0[m % 4] += h * x0[m];
+      a1[m % 4] += h * x1[m];
+    }
+    *y0 = gain_ * ((a0[0] + a0[2]) + (a0[1] + a0[3]));
+    *y1 = gain_ * ((a1[0] + a1[2]) + (a1[1] + a1[3]));
 #endif
   }
 
+#if QOR_SRC_SSE2
+  // Lanes (a0[0] + a0[2], a1[0] + a1[2], a0[1] + a0[3], a1[1] + a1[3]), then
+  // the two halves added.
+  static void storeSums(__m128 a0, __m128 a1, float gain, float* y0, float* y1) {
+    const __m128 pairs = _mm_add_ps(_mm_unpacklo_ps(a0, a1), _mm_unpackhi_ps(a0, a1));
+    const __m128 y = _mm_mul_ps(_mm_set1_ps(gain), _mm_add_ps(pairs, _mm_movehl_ps(pairs, pairs)));
+    _mm_store_ss(y0, y);
+    _mm_store_ss(y1, _mm_shuffle_ps(y, y, _MM_SHUFFLE(1, 1, 1, 1)));
+  }
+#endif
+
   // One output sample of every channel from the window starting at first_.
-  void produce(float* const* out, uint32_t o) const {
-    uint32_t c = 0;
-    for (; c + 2 <= channels_; c += 2) {
-      dot2(weights_, s_.rings[c].data + first_, s_.rings[c + 1].data + first_, groups_, gain_, out[c] + o,
-           out[c + 1] + o);
+  // A single channel is summed twice rather than taking a path of its own.
+  void produce(float* const* out, uint32_t o) {
+    const uint32_t second = channels_ > 1 ? 1 : 0;
+    weighAndSum(s_.rings[0].data + first_, s_.rings[second].data + first_, out[0] + o, out[second] + o);
+    for (uint32_t c = 2; c < channels_; c += 2) {
+      const uint32_t next = c + 1 < channels_ ? c + 1 : c;
+      dot2(weights_, s_.rings[c].data + first_, s_.rings[next].data + first_, groups_, gain_, out[c] + o,
+           out[next] + o);
     }
-    if (c < channels_) *(out[c] + o) = gain_ * dot1(weights_, s_.rings[c].data + first_, groups_);
   }
 
   // Two channels' weighted sums with one load of each weight vector. Every
@@ -372,11 +392,7 @@ class BlockConverter {
       a0 = _mm_add_ps(a0, _mm_mul_ps(wv, _mm_loadu_ps(x0 + 4 * g)));
       a1 = _mm_add_ps(a1, _mm_mul_ps(wv, _mm_loadu_ps(x1 + 4 * g)));
     }
-    // Lanes: (a0[0] + a0[2], a1[0] + a1[2], a0[1] + a0[3], a1[1] + a1[3]).
-    const __m128 pairs = _mm_add_ps(_mm_unpacklo_ps(a0, a1), _mm_unpackhi_ps(a0, a1));
-    const __m128 y = _mm_mul_ps(_mm_set1_ps(gain), _mm_add_ps(pairs, _mm_movehl_ps(pairs, pairs)));
-    _mm_store_ss(y0, y);
-    _mm_store_ss(y1, _mm_shuffle_ps(y, y, _MM_SHUFFLE(1, 1, 1, 1)));
+    storeSums(a0, a1, gain, y0, y1);
 #else
     float a0[4] = {}, a1[4] = {};
     for (int32_t g = 0; g < groups; ++g) {
@@ -387,22 +403,6 @@ class BlockConverter {
     }
     *y0 = gain * ((a0[0] + a0[2]) + (a0[1] + a0[3]));
     *y1 = gain * ((a1[0] + a1[2]) + (a1[1] + a1[3]));
-#endif
-  }
-
-  // The same for one channel.
-  static float dot1(const float* w, const float* x, int32_t groups) {
-#if QOR_SRC_SSE2
-    __m128 a = _mm_setzero_ps();
-    for (int32_t g = 0; g < groups; ++g) a = _mm_add_ps(a, _mm_mul_ps(_mm_load_ps(w + 4 * g), _mm_loadu_ps(x + 4 * g)));
-    const __m128 pairs = _mm_add_ps(a, _mm_movehl_ps(a, a));
-    return _mm_cvtss_f32(_mm_add_ss(pairs, _mm_shuffle_ps(pairs, pairs, _MM_SHUFFLE(1, 1, 1, 1))));
-#else
-    float a[4] = {};
-    for (int32_t g = 0; g < groups; ++g) {
-      for (int32_t l = 0; l < 4; ++l) a[l] += w[4 * g + l] * x[4 * g + l];
-    }
-    return (a[0] + a[2]) + (a[1] + a[3]);
 #endif
   }
 
@@ -434,8 +434,8 @@ class BlockConverter {
   int32_t kept_;
   float period_;
   float outputPeriod_;
-  float kernelRate_;
-  float perZeroCrossing_;
+  float scale_;  // table entries per input period
+  float end_;
   float gain_;
   float* weights_;
   float accumulator_;
