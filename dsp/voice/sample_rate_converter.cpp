@@ -233,6 +233,9 @@ class BlockConverter {
   explicit BlockConverter(State& s)
       : s_(s),
         channels_(s.header.inputChannels),
+        second_(s.header.inputChannels > 1 ? 1 : 0),
+        ring0_(s.rings[0].data),
+        ring1_(s.rings[second_].data),
         length_(static_cast<int32_t>(s.rings[0].length)),
         half_(static_cast<int32_t>(s.halfWidth)),
         pad_(static_cast<int32_t>(padOf(s.taps))),
@@ -372,8 +375,7 @@ class BlockConverter {
   // One output sample of every channel from the window starting at first_.
   // A single channel is summed twice rather than taking a path of its own.
   void produce(float* const* out, uint32_t o) {
-    const uint32_t second = channels_ > 1 ? 1 : 0;
-    weighAndSum(s_.rings[0].data + first_, s_.rings[second].data + first_, out[0] + o, out[second] + o);
+    weighAndSum(ring0_ + first_, ring1_ + first_, out[0] + o, out[second_] + o);
     for (uint32_t c = 2; c < channels_; c += 2) {
       const uint32_t next = c + 1 < channels_ ? c + 1 : c;
       dot2(weights_, s_.rings[c].data + first_, s_.rings[next].data + first_, groups_, gain_, out[c] + o,
@@ -408,25 +410,35 @@ class BlockConverter {
 
   // Appends n samples of every channel from input index i (usually one or
   // two); the accumulator grows by one input period per sample. A ring that
-  // fills up slides its newest samples back to the start.
+  // fills up slides its newest samples back to the start. The first two
+  // rings are written through pointers held for the block.
   void push(float* const* in, uint32_t i, uint32_t n) {
+    const float* in0 = in[0];
+    const float* in1 = in[second_];
     for (uint32_t k = i; k < i + n; ++k) {
-      for (uint32_t c = 0; c < channels_; ++c) s_.rings[c].data[writePosition_] = in[c][k];
+      ring0_[writePosition_] = in0[k];
+      ring1_[writePosition_] = in1[k];
+      for (uint32_t c = 2; c < channels_; ++c) s_.rings[c].data[writePosition_] = in[c][k];
       accumulator_ += period_;
       writePosition_ += 1;
-      if (writePosition_ == length_) {
-        const auto moved = static_cast<size_t>(kept_);
-        for (uint32_t c = 0; c < channels_; ++c) {
-          float* ring = s_.rings[c].data;
-          std::memmove(ring, ring + (length_ - kept_), sizeof(float) * moved);
-        }
-        writePosition_ = kept_;
-      }
+      if (writePosition_ == length_) slide();
     }
+  }
+
+  void slide() {
+    const auto moved = sizeof(float) * static_cast<size_t>(kept_);
+    for (uint32_t c = 0; c < channels_; ++c) {
+      float* ring = s_.rings[c].data;
+      std::memmove(ring, ring + (length_ - kept_), moved);
+    }
+    writePosition_ = kept_;
   }
 
   State& s_;
   uint32_t channels_;
+  uint32_t second_;  // the second channel, or the first again when there is one
+  float* ring0_;
+  float* ring1_;
   int32_t length_;
   int32_t half_;
   int32_t pad_;
