@@ -186,14 +186,21 @@ void buildKernel(State& s) {
   for (uint32_t i = 0; i < t; ++i) s.delta[i] = s.table[i + 1] - s.table[i];
 }
 
-inline void push(Ring& ring, float& accumulator, float sample) {
-  ring.data[ring.writePosition] = sample;
-  accumulator += ring.samplePeriod;
-  ring.writePosition = ring.writePosition + 1 == ring.length ? 0 : ring.writePosition + 1;
-}
+// Taps are read as whole vectors of four; the slots in front of the oldest
+// tap that round them up carry zero weight.
+uint32_t padOf(uint32_t taps) { return (4 - taps % 4) % 4; }
 
-// Puts every channel into the just-initialised audio state: an empty ring
-// primed with 2H + 1 zeros, so the first output can be computed at once.
+// The rings are read as straight runs: when the write position reaches the
+// end, the newest samples an output can still reach are moved back to the
+// start, so a window never wraps. An output lies at most 2H + 1 samples
+// behind the newest input (right after Init or Flush), so it reaches back
+// 3H + 1 samples, plus the padding.
+uint32_t keptOf(uint32_t halfWidth, uint32_t taps) { return 3 * halfWidth + 1 + padOf(taps); }
+
+// Puts every channel into the just-initialised audio state: a zeroed ring
+// primed with 2H + 1 zeros, so the first output can be computed at once. The
+// zeros are pushed ending at the kept length, where the write position stands
+// after a slide.
 void resetChannels(State& s) {
   const uint32_t channels = s.header.inputChannels;
   const float period = 1.0f / static_cast<float>(s.header.inputSampleRate);
@@ -209,29 +216,40 @@ void resetChannels(State& s) {
     s.accumulators[c] = 0.0f;
     // Equal rates keep no ring.
     if (ringLength == 0) continue;
-    for (uint32_t k = 0; k < s.taps; ++k) push(ring, s.accumulators[c], 0.0f);
+    ring.writePosition = keptOf(s.halfWidth, s.taps) - s.taps;
+    for (uint32_t k = 0; k < s.taps; ++k) {
+      s.accumulators[c] += period;
+      ring.writePosition += 1;
+    }
   }
 }
 
 // Converts one block of every channel. All channels see the same sequence
 // of pushes and outputs, so their accumulators and write positions stay
 // equal; the positions and tap weights are worked out once per output and
-// applied to every channel.
+// applied to every channel, two channels per pass.
 class BlockConverter {
  public:
   explicit BlockConverter(State& s)
       : s_(s),
+        channels_(s.header.inputChannels),
+        second_(s.header.inputChannels > 1 ? 1 : 0),
+        ring0_(s.rings[0].data),
+        ring1_(s.rings[second_].data),
         length_(static_cast<int32_t>(s.rings[0].length)),
         half_(static_cast<int32_t>(s.halfWidth)),
-        taps_(static_cast<int32_t>(s.taps)),
+        pad_(static_cast<int32_t>(padOf(s.taps))),
+        groups_(static_cast<int32_t>((s.taps + padOf(s.taps)) / 4)),
+        kept_(static_cast<int32_t>(keptOf(s.halfWidth, s.taps))),
         period_(s.rings[0].samplePeriod),
         outputPeriod_(1.0f / static_cast<float>(s.header.outputSampleRate)),
         // Up-sampling measures the kernel in input samples; down-sampling in
         // output samples, which stretches it to the lower cut-off.
-        kernelRate_(static_cast<float>(s.header.outputSampleRate > s.header.inputSampleRate
-                                           ? s.header.inputSampleRate
-                                           : s.header.outputSampleRate)),
-        perZeroCrossing_(static_cast<float>(s.parameters.samplesPerZeroCrossing)),
+        scale_(static_cast<float>(s.header.outputSampleRate > s.header.inputSampleRate
+                                      ? s.header.inputSampleRate
+                                      : s.header.outputSampleRate) *
+               s.rings[0].samplePeriod * static_cast<float>(s.parameters.samplesPerZeroCrossing)),
+        end_(static_cast<float>(s.tableLength)),
         gain_(s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio),
         weights_(s.tapOffsets),
         accumulator_(s.accumulators[0]),
@@ -246,10 +264,7 @@ class BlockConverter {
       // last output too, so it is current when feeding.
       int32_t need = position();
       while (need == 0 && o < outCount) {
-        weigh();
-        for (uint32_t c = 0; c < s_.header.inputChannels; ++c) {
-          out[c][o] = gain_ * convolve(s_.rings[c].data);
-        }
+        produce(out, o);
         o += 1;
         accumulator_ -= outputPeriod_;
         need = position();
@@ -260,7 +275,7 @@ class BlockConverter {
       i += n;
       if (o == outCount || i == inCount) break;
     }
-    for (uint32_t c = 0; c < s_.header.inputChannels; ++c) {
+    for (uint32_t c = 0; c < channels_; ++c) {
       s_.accumulators[c] = accumulator_;
       s_.rings[c].writePosition = static_cast<uint32_t>(writePosition_);
     }
@@ -276,125 +291,168 @@ class BlockConverter {
     // instruction): truncate, then step down for negative fractions.
     int32_t n = static_cast<int32_t>(t);
     n -= t < static_cast<float>(n) ? 1 : 0;
-    const float whole = static_cast<float>(n);
     if (n < half_) return half_ - n;
-    // Beyond the ring: never reached while the ring holds 8H samples.
-    if (n + half_ >= length_) return std::min(length_ - n - half_, -1);
-    newest_ = n;
-    frac_ = t - whole;
+    // Behind the kept samples: never reached, see keptOf.
+    first_ = writePosition_ - n - half_ - pad_;
+    if (first_ < 0) return -1;
+    frac_ = t - static_cast<float>(n);
     return 0;
   }
 
-  // Tap k (k = 0..2H, k = 0 the newest) sits (k - H - frac) input periods
-  // from the output instant. The taps are kept oldest first so the ring is
-  // read forwards: slot m holds tap 2H - m. Each weight is the table read
-  // with linear interpolation, the delta being the difference to the next
-  // entry (one 8-byte read). Positions at or past the table's end read the
-  // last entry with fraction 1, which is exactly 0 because the entry after
-  // the last is 0.
-  void weigh() {
+  // Slot m of the window (m = 0 the oldest) holds tap 2H + P - m, P being
+  // the padding, which sits (H + P - m - frac) input periods from the output
+  // instant. Each weight is the table read with linear interpolation, the
+  // delta being the difference to the next entry (one 8-byte read).
+  // Positions at or past the table's end read the last entry with fraction
+  // 1, which is exactly 0 because the entry after the last is 0. The weights
+  // are kept for further channels while the first two are summed in the same
+  // pass; lanes are added (0 + 2) + (1 + 3).
+  void weighAndSum(const float* x0, const float* x1, float* y0, float* y1) {
     float* w = weights_;
-    const float frac = frac_, period = period_, rate = kernelRate_, np = perZeroCrossing_;
-    const float end = static_cast<float>(s_.tableLength), last = end - 1.0f;
+    const float frac = frac_, scale = scale_, end = end_, last = end_ - 1.0f;
     const float* table = s_.table;
-    int32_t m = 0;
+    const int32_t top = half_ + pad_;
 #if QOR_SRC_SSE2
-    const __m128 vFrac = _mm_set1_ps(frac), vPeriod = _mm_set1_ps(period), vRate = _mm_set1_ps(rate);
-    const __m128 vNp = _mm_set1_ps(np), vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
+    const __m128 vFrac = _mm_set1_ps(frac), vScale = _mm_set1_ps(scale);
+    const __m128 vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
     const __m128 vAbs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-    __m128i vTop = _mm_set_epi32(half_ - 3, half_ - 2, half_ - 1, half_);
-    alignas(16) int32_t idx[4];
-    for (; m + 4 <= taps_; m += 4) {
-      const __m128 offset = _mm_mul_ps(_mm_sub_ps(_mm_cvtepi32_ps(vTop), vFrac), vPeriod);
-      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_mul_ps(vRate, offset), vAbs), vNp), vEnd);
+    const __m128 vFour = _mm_set1_ps(4.0f);
+    __m128 vTop = _mm_set_ps(static_cast<float>(top - 3), static_cast<float>(top - 2),
+                             static_cast<float>(top - 1), static_cast<float>(top));
+    __m128 a0 = _mm_setzero_ps(), a1 = _mm_setzero_ps();
+    // The padding is cleared by mask rather than by formula, so it stays 0
+    // whatever the rounding near the kernel's end.
+    __m128 keep = _mm_castsi128_ps(_mm_cmpgt_epi32(_mm_set_epi32(3, 2, 1, 0), _mm_set1_epi32(pad_ - 1)));
+    for (int32_t g = 0; g < groups_; ++g) {
+      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_sub_ps(vTop, vFrac), vAbs), vScale), vEnd);
       const __m128i vj = _mm_cvttps_epi32(_mm_min_ps(x, vLast));
       const __m128 f = _mm_sub_ps(x, _mm_cvtepi32_ps(vj));
-      _mm_store_si128(reinterpret_cast<__m128i*>(idx), vj);
-      __m128 p01 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + idx[0]));
-      p01 = _mm_loadh_pi(p01, reinterpret_cast<const __m64*>(table + idx[1]));
-      __m128 p23 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + idx[2]));
-      p23 = _mm_loadh_pi(p23, reinterpret_cast<const __m64*>(table + idx[3]));
+      const auto j0 = static_cast<uint32_t>(_mm_cvtsi128_si32(vj));
+      const auto j1 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(1, 1, 1, 1))));
+      const auto j2 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(2, 2, 2, 2))));
+      const auto j3 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(3, 3, 3, 3))));
+      __m128 p01 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + j0));
+      p01 = _mm_loadh_pi(p01, reinterpret_cast<const __m64*>(table + j1));
+      __m128 p23 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + j2));
+      p23 = _mm_loadh_pi(p23, reinterpret_cast<const __m64*>(table + j3));
       const __m128 a = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
       const __m128 b = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
-      _mm_storeu_ps(w + m, _mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a))));
-      vTop = _mm_sub_epi32(vTop, _mm_set1_epi32(4));
+      const __m128 wv = _mm_and_ps(_mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a))), keep);
+      keep = _mm_castsi128_ps(_mm_set1_epi32(-1));
+      vTop = _mm_sub_ps(vTop, vFour);
+      _mm_store_ps(w + 4 * g, wv);
+      a0 = _mm_add_ps(a0, _mm_mul_ps(wv, _mm_loadu_ps(x0 + 4 * g)));
+      a1 = _mm_add_ps(a1, _mm_mul_ps(wv, _mm_loadu_ps(x1 + 4 * g)));
     }
-#endif
-    for (; m < taps_; ++m) {
-      const float offset = (static_cast<float>(half_ - m) - frac) * period;
-      const float x = std::min(std::fabs(rate * offset) * np, end);
-      const auto j = static_cast<int32_t>(std::min(x, last));
-      const float f = x - static_cast<float>(j);
-      w[m] = table[j] + f * (table[j + 1] - table[j]);
-    }
-  }
-
-  // The weighted sum over the 2H + 1 ring samples ending (n - H) behind the
-  // newest; the ring wraps at most once.
-  float convolve(const float* ring) const {
-    int32_t start = writePosition_ - newest_ - half_;
-    if (start < 0) start += length_;
-    const int32_t first = std::min(length_ - start, taps_);
-    if (first == taps_) return dot(ring + start, weights_, taps_);
-    return dot(ring + start, weights_, first) + dot(ring, weights_ + first, taps_ - first);
-  }
-
-  // Eight partial sums over blocks of eight, a block of four into the first
-  // four, then the rest one by one.
-  static float dot(const float* x, const float* w, int32_t n) {
-    int32_t k = 0;
-#if QOR_SRC_SSE2
-    __m128 low = _mm_setzero_ps(), high = _mm_setzero_ps();
-    for (; k + 8 <= n; k += 8) {
-      low = _mm_add_ps(low, _mm_mul_ps(_mm_loadu_ps(w + k), _mm_loadu_ps(x + k)));
-      high = _mm_add_ps(high, _mm_mul_ps(_mm_loadu_ps(w + k + 4), _mm_loadu_ps(x + k + 4)));
-    }
-    if (k + 4 <= n) {
-      low = _mm_add_ps(low, _mm_mul_ps(_mm_loadu_ps(w + k), _mm_loadu_ps(x + k)));
-      k += 4;
-    }
-    alignas(16) float lane[4];
-    _mm_store_ps(lane, _mm_add_ps(low, high));
-    float sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
+    storeSums(a0, a1, gain_, y0, y1);
 #else
-    float lane[8] = {};
-    for (; k + 8 <= n; k += 8) {
-      for (int32_t l = 0; l < 8; ++l) lane[l] += w[k + l] * x[k + l];
+    float a0[4] = {}, a1[4] = {};
+    for (int32_t m = 0; m < 4 * groups_; ++m) {
+      const float x = std::min(std::fabs(static_cast<float>(top - m) - frac) * scale, end);
+      const auto j = static_cast<uint32_t>(std::min(x, last));
+      const float f = x - static_cast<float>(j);
+      const float h = m < pad_ ? 0.0f : table[j] + f * (table[j + 1] - table[j]);
+      w[m] = h;
+      a0[m % 4] += h * x0[m];
+      a1[m % 4] += h * x1[m];
     }
-    if (k + 4 <= n) {
-      for (int32_t l = 0; l < 4; ++l) lane[l] += w[k + l] * x[k + l];
-      k += 4;
-    }
-    float sum = ((lane[0] + lane[4]) + (lane[1] + lane[5])) + ((lane[2] + lane[6]) + (lane[3] + lane[7]));
+    *y0 = gain_ * ((a0[0] + a0[2]) + (a0[1] + a0[3]));
+    *y1 = gain_ * ((a1[0] + a1[2]) + (a1[1] + a1[3]));
 #endif
-    for (; k < n; ++k) sum += w[k] * x[k];
-    return sum;
+  }
+
+#if QOR_SRC_SSE2
+  // Lanes (a0[0] + a0[2], a1[0] + a1[2], a0[1] + a0[3], a1[1] + a1[3]), then
+  // the two halves added.
+  static void storeSums(__m128 a0, __m128 a1, float gain, float* y0, float* y1) {
+    const __m128 pairs = _mm_add_ps(_mm_unpacklo_ps(a0, a1), _mm_unpackhi_ps(a0, a1));
+    const __m128 y = _mm_mul_ps(_mm_set1_ps(gain), _mm_add_ps(pairs, _mm_movehl_ps(pairs, pairs)));
+    _mm_store_ss(y0, y);
+    _mm_store_ss(y1, _mm_shuffle_ps(y, y, _MM_SHUFFLE(1, 1, 1, 1)));
+  }
+#endif
+
+  // One output sample of every channel from the window starting at first_.
+  // A single channel is summed twice rather than taking a path of its own.
+  void produce(float* const* out, uint32_t o) {
+    weighAndSum(ring0_ + first_, ring1_ + first_, out[0] + o, out[second_] + o);
+    for (uint32_t c = 2; c < channels_; c += 2) {
+      const uint32_t next = c + 1 < channels_ ? c + 1 : c;
+      dot2(weights_, s_.rings[c].data + first_, s_.rings[next].data + first_, groups_, gain_, out[c] + o,
+           out[next] + o);
+    }
+  }
+
+  // Two channels' weighted sums with one load of each weight vector. Every
+  // lane sums its own slots; lanes are added (0 + 2) + (1 + 3).
+  static void dot2(const float* w, const float* x0, const float* x1, int32_t groups, float gain, float* y0,
+                   float* y1) {
+#if QOR_SRC_SSE2
+    __m128 a0 = _mm_setzero_ps(), a1 = _mm_setzero_ps();
+    for (int32_t g = 0; g < groups; ++g) {
+      const __m128 wv = _mm_load_ps(w + 4 * g);
+      a0 = _mm_add_ps(a0, _mm_mul_ps(wv, _mm_loadu_ps(x0 + 4 * g)));
+      a1 = _mm_add_ps(a1, _mm_mul_ps(wv, _mm_loadu_ps(x1 + 4 * g)));
+    }
+    storeSums(a0, a1, gain, y0, y1);
+#else
+    float a0[4] = {}, a1[4] = {};
+    for (int32_t g = 0; g < groups; ++g) {
+      for (int32_t l = 0; l < 4; ++l) {
+        a0[l] += w[4 * g + l] * x0[4 * g + l];
+        a1[l] += w[4 * g + l] * x1[4 * g + l];
+      }
+    }
+    *y0 = gain * ((a0[0] + a0[2]) + (a0[1] + a0[3]));
+    *y1 = gain * ((a1[0] + a1[2]) + (a1[1] + a1[3]));
+#endif
   }
 
   // Appends n samples of every channel from input index i (usually one or
-  // two); the accumulator grows by one input period per sample.
+  // two); the accumulator grows by one input period per sample. A ring that
+  // fills up slides its newest samples back to the start. The first two
+  // rings are written through pointers held for the block.
   void push(float* const* in, uint32_t i, uint32_t n) {
-    const uint32_t channels = s_.header.inputChannels;
+    const float* in0 = in[0];
+    const float* in1 = in[second_];
     for (uint32_t k = i; k < i + n; ++k) {
-      for (uint32_t c = 0; c < channels; ++c) s_.rings[c].data[writePosition_] = in[c][k];
+      ring0_[writePosition_] = in0[k];
+      ring1_[writePosition_] = in1[k];
+      for (uint32_t c = 2; c < channels_; ++c) s_.rings[c].data[writePosition_] = in[c][k];
       accumulator_ += period_;
-      writePosition_ = writePosition_ + 1 == length_ ? 0 : writePosition_ + 1;
+      writePosition_ += 1;
+      if (writePosition_ == length_) slide();
     }
   }
 
+  void slide() {
+    const auto moved = sizeof(float) * static_cast<size_t>(kept_);
+    for (uint32_t c = 0; c < channels_; ++c) {
+      float* ring = s_.rings[c].data;
+      std::memmove(ring, ring + (length_ - kept_), moved);
+    }
+    writePosition_ = kept_;
+  }
+
   State& s_;
+  uint32_t channels_;
+  uint32_t second_;  // the second channel, or the first again when there is one
+  float* ring0_;
+  float* ring1_;
   int32_t length_;
   int32_t half_;
-  int32_t taps_;
+  int32_t pad_;
+  int32_t groups_;
+  int32_t kept_;
   float period_;
   float outputPeriod_;
-  float kernelRate_;
-  float perZeroCrossing_;
+  float scale_;  // table entries per input period
+  float end_;
   float gain_;
   float* weights_;
   float accumulator_;
   int32_t writePosition_;
-  int32_t newest_ = 0;
+  int32_t first_ = 0;
   float frac_ = 0.0f;
 };
 
