@@ -1,5 +1,5 @@
 # Warnings are errors in our own code. Nothing here may change float results:
-# no -ffast-math, -Ofast or -funsafe-math-optimizations.
+# no fast-math style flags: NaN checks and exact results depend on that.
 add_library(qor_warnings INTERFACE)
 target_compile_options(qor_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Werror)
