@@ -5,6 +5,8 @@
 #include <cstring>
 #include <numbers>
 
+#include "dsp/core/cpu_features.h"
+
 #if defined(__SSE2__) && !defined(QOR_FFT_PORTABLE)
 #include <emmintrin.h>
 #define QOR_FFT_SSE2 1
@@ -16,7 +18,6 @@
 // compiled for AVX function by function and run only when fftInit found it.
 // No FMA: fused products would round differently from the four-lane path.
 #if QOR_FFT_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-#include <cpuid.h>
 #include <immintrin.h>
 #define QOR_FFT_AVX 1
 #define QOR_AVX __attribute__((target("avx")))
@@ -750,17 +751,6 @@ QOR_AVX void interleaveScaled8(const float* zr, const float* zi, uint32_t m, flo
   }
 }
 
-bool avxUsable() {
-  unsigned a = 0, b = 0, c = 0, d = 0;
-  if (__get_cpuid(1, &a, &b, &c, &d) == 0) return false;
-  if ((c & bit_OSXSAVE) == 0 || (c & bit_AVX) == 0) return false;
-  // The OS must save the upper halves of the registers (XCR0 bits 1, 2).
-  unsigned lo = 0, hi = 0;
-  __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
-  return (lo & 6u) == 6u;
-}
-#else
-bool avxUsable() { return false; }
 #endif
 
 #if QOR_FFT_AVX
@@ -1032,7 +1022,7 @@ int32_t fftInit(RealFftSetup* setup, uint32_t n) {
   return used == fftSetupSize(n) ? kFftSuccess : kFftSizeMismatch;
 }
 
-bool fftKernel8Available() { return avxUsable(); }
+bool fftKernel8Available() { return QOR_FFT_AVX != 0 && avxUsable(); }
 
 bool fftUseKernel(RealFftSetup* setup, RealFftKernel kernel) {
   if (setup == nullptr) return false;

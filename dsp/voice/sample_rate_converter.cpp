@@ -5,15 +5,7 @@
 #include <cstring>
 
 #include "dsp/core/instance.h"
-
-// SSE2 is part of every x86-64 target; other targets take the scalar twins,
-// which compute the same operations in the same order.
-#if (defined(__SSE2__) || defined(_M_X64)) && !defined(QOR_SCALAR_ONLY)
-#define QOR_SRC_SSE2 1
-#include <emmintrin.h>
-#else
-#define QOR_SRC_SSE2 0
-#endif
+#include "dsp/voice/interpolation_taps.h"
 
 namespace QorSampleRateConverter_API_V1 {
 
@@ -53,6 +45,7 @@ struct State {
   float ratio;           // outputRate / inputRate
   uint32_t halfWidth;    // H
   uint32_t taps;         // 2H + 1
+  qor::TapKernel kernel;
   // Drift correction.
   int32_t calls;
   int32_t inputTotal;
@@ -162,8 +155,15 @@ double besselI0(double x) {
           y * (-0.02057706 + y * (0.02635537 + y * (-0.01647633 + y * 0.00392377))))))));
 }
 
+// Up-sampling keeps the table and its deltas phase by phase (see
+// qor::phaseIndex); down-sampling reads them in natural order.
+bool phased(const State& s) { return s.header.inputSampleRate < s.header.outputSampleRate; }
+
 void buildKernel(State& s) {
   const uint32_t t = s.tableLength;
+  const uint32_t nz = s.parameters.numZeroCrossings, np = s.parameters.samplesPerZeroCrossing;
+  const bool reorder = phased(s);
+  const auto at = [&](uint32_t i) { return reorder ? qor::phaseIndex(i, nz, np) : i; };
   const double beta = s.parameters.kaiserBeta;
   const double norm = besselI0(beta);
   for (uint32_t i = 0; i < t; ++i) {
@@ -173,22 +173,23 @@ void buildKernel(State& s) {
     const double arg = std::max(0.0, 1.0 - x * x);
     s.window[i] = static_cast<float>(besselI0(beta * std::sqrt(arg)) / norm);
   }
-  const float step = 3.1415927f / static_cast<float>(s.parameters.samplesPerZeroCrossing);
-  s.table[0] = 1.0f;
+  const float step = 3.1415927f / static_cast<float>(np);
+  s.table[at(0)] = 1.0f;
   for (uint32_t i = 1; i < t; ++i) {
     const float u = static_cast<float>(i) * step;
-    s.table[i] = static_cast<float>(std::sin(static_cast<double>(u)) / static_cast<double>(u) *
-                                    static_cast<double>(s.window[i]));
+    s.table[at(i)] = static_cast<float>(std::sin(static_cast<double>(u)) / static_cast<double>(u) *
+                                        static_cast<double>(s.window[i]));
   }
   // T is odd, so the table's 32-byte region has room for a zero after the
-  // last entry; the last delta is then also a neighbour difference.
+  // last entry, which the down-sampling kernels read as the last entry's
+  // neighbour; the last delta is then also a neighbour difference.
   s.table[t] = 0.0f;
-  for (uint32_t i = 0; i < t; ++i) s.delta[i] = s.table[i + 1] - s.table[i];
+  for (uint32_t i = 0; i < t; ++i) s.delta[at(i)] = (i + 1 < t ? s.table[at(i + 1)] : 0.0f) - s.table[at(i)];
 }
 
-// Taps are read as whole vectors of four; the slots in front of the oldest
-// tap that round them up carry zero weight.
-uint32_t padOf(uint32_t taps) { return (4 - taps % 4) % 4; }
+// Taps are read in whole groups; the slots in front of the oldest tap that
+// round them up carry zero weight.
+uint32_t padOf(uint32_t taps) { return (qor::kTapGroup - taps % qor::kTapGroup) % qor::kTapGroup; }
 
 // The rings are read as straight runs: when the write position reaches the
 // end, the newest samples an output can still reach are moved back to the
@@ -239,199 +240,117 @@ class BlockConverter {
         length_(static_cast<int32_t>(s.rings[0].length)),
         half_(static_cast<int32_t>(s.halfWidth)),
         pad_(static_cast<int32_t>(padOf(s.taps))),
-        groups_(static_cast<int32_t>((s.taps + padOf(s.taps)) / 4)),
         kept_(static_cast<int32_t>(keptOf(s.halfWidth, s.taps))),
         period_(s.rings[0].samplePeriod),
         outputPeriod_(1.0f / static_cast<float>(s.header.outputSampleRate)),
-        // Up-sampling measures the kernel in input samples; down-sampling in
-        // output samples, which stretches it to the lower cut-off.
-        scale_(static_cast<float>(s.header.outputSampleRate > s.header.inputSampleRate
-                                      ? s.header.inputSampleRate
-                                      : s.header.outputSampleRate) *
-               s.rings[0].samplePeriod * static_cast<float>(s.parameters.samplesPerZeroCrossing)),
-        end_(static_cast<float>(s.tableLength)),
-        gain_(s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio),
-        weights_(s.tapOffsets),
-        accumulator_(s.accumulators[0]),
-        writePosition_(static_cast<int32_t>(s.rings[0].writePosition)) {}
+        kernels_(qor::tapKernels(s.kernel)),
+        phased_(phased(s)) {
+    phase_ = {s.table, s.delta, s.tapOffsets, s.parameters.numZeroCrossings, s.parameters.samplesPerZeroCrossing,
+              pad_, static_cast<int32_t>((s.taps + padOf(s.taps)) / qor::kTapGroup)};
+    window_.table = s.table;
+    window_.weights = s.tapOffsets;
+    window_.frac = 0.0f;
+    // Up-sampling measures the kernel in input samples; down-sampling in
+    // output samples, which stretches it to the lower cut-off.
+    const uint32_t lower = std::min(s.header.inputSampleRate, s.header.outputSampleRate);
+    window_.scale = static_cast<float>(lower) * period_ * static_cast<float>(s.parameters.samplesPerZeroCrossing);
+    window_.end = static_cast<float>(s.tableLength);
+    window_.gain = s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio;
+    window_.top = half_ + pad_;
+    window_.pad = pad_;
+    window_.groups = static_cast<int32_t>((s.taps + padOf(s.taps)) / qor::kTapGroup);
+  }
 
   uint32_t run(float* const* in, float* const* out) {
     const uint32_t inCount = s_.header.inputBlockSize;
     const uint32_t outCount = s_.header.outputBlockSize;
+    const float* const in0 = in[0];
+    const float* const in1 = in[second_];
+    // The running state lives in locals for the block, where stores to the
+    // rings cannot be taken to change it.
+    float accumulator = s_.accumulators[0];
+    auto writePosition = static_cast<int32_t>(s_.rings[0].writePosition);
     uint32_t i = 0, o = 0;
     for (;;) {
       // Produce while the ring holds enough; the need is recomputed after the
       // last output too, so it is current when feeding.
-      int32_t need = position();
-      while (need == 0 && o < outCount) {
-        produce(out, o);
+      Position p = position(accumulator, writePosition);
+      while (p.need == 0 && o < outCount) {
+        produce(out, o, p);
         o += 1;
-        accumulator_ -= outputPeriod_;
-        need = position();
+        accumulator -= outputPeriod_;
+        p = position(accumulator, writePosition);
       }
-      if (need < 0) break;
-      const uint32_t n = std::min(static_cast<uint32_t>(need), inCount - i);
-      push(in, i, n);
-      i += n;
+      if (p.need < 0) break;
+      // Feeding happens once more after the block's last output (need may
+      // then be 0).
+      const uint32_t end = i + std::min(static_cast<uint32_t>(p.need), inCount - i);
+      for (; i < end; ++i) {
+        ring0_[writePosition] = in0[i];
+        ring1_[writePosition] = in1[i];
+        for (uint32_t c = 2; c < channels_; ++c) s_.rings[c].data[writePosition] = in[c][i];
+        accumulator += period_;
+        writePosition += 1;
+        if (writePosition == length_) writePosition = slide();
+      }
       if (o == outCount || i == inCount) break;
     }
     for (uint32_t c = 0; c < channels_; ++c) {
-      s_.accumulators[c] = accumulator_;
-      s_.rings[c].writePosition = static_cast<uint32_t>(writePosition_);
+      s_.accumulators[c] = accumulator;
+      s_.rings[c].writePosition = static_cast<uint32_t>(writePosition);
     }
     return o;
   }
 
  private:
-  // How many more input samples the next output needs (0: it can be made).
+  struct Position {
+    int32_t need;   // input samples the next output still needs; 0: it can be made, -1: never
+    int32_t first;  // ring index of the window's slot 0
+    float frac;
+  };
+
   // The output instant lies t input periods behind the newest input.
-  int32_t position() {
-    const float t = accumulator_ / period_;
-    // floor without the library call (baseline x86-64 has no round
-    // instruction): truncate, then step down for negative fractions.
-    int32_t n = static_cast<int32_t>(t);
-    n -= t < static_cast<float>(n) ? 1 : 0;
-    if (n < half_) return half_ - n;
+  Position position(float accumulator, int32_t writePosition) const {
+    const float t = accumulator / period_;
+    // t is never negative: an output is made only H or more periods behind
+    // the newest input and moves the instant on by inRate / outRate periods,
+    // at most H / Nz. So truncation is the floor.
+    const auto n = static_cast<int32_t>(t);
+    if (n < half_) return {half_ - n, 0, 0.0f};
     // Behind the kept samples: never reached, see keptOf.
-    first_ = writePosition_ - n - half_ - pad_;
-    if (first_ < 0) return -1;
-    frac_ = t - static_cast<float>(n);
-    return 0;
+    const int32_t first = writePosition - n - half_ - pad_;
+    if (first < 0) return {-1, 0, 0.0f};
+    return {0, first, t - static_cast<float>(n)};
   }
 
   // Slot m of the window (m = 0 the oldest) holds tap 2H + P - m, P being
   // the padding, which sits (H + P - m - frac) input periods from the output
-  // instant. Each weight is the table read with linear interpolation, the
-  // delta being the difference to the next entry (one 8-byte read).
-  // Positions at or past the table's end read the last entry with fraction
-  // 1, which is exactly 0 because the entry after the last is 0. The weights
-  // are kept for further channels while the first two are summed in the same
-  // pass; lanes are added (0 + 2) + (1 + 3).
-  void weighAndSum(const float* x0, const float* x1, float* y0, float* y1) {
-    float* w = weights_;
-    const float frac = frac_, scale = scale_, end = end_, last = end_ - 1.0f;
-    const float* table = s_.table;
-    const int32_t top = half_ + pad_;
-#if QOR_SRC_SSE2
-    const __m128 vFrac = _mm_set1_ps(frac), vScale = _mm_set1_ps(scale);
-    const __m128 vEnd = _mm_set1_ps(end), vLast = _mm_set1_ps(last);
-    const __m128 vAbs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-    const __m128 vFour = _mm_set1_ps(4.0f);
-    __m128 vTop = _mm_set_ps(static_cast<float>(top - 3), static_cast<float>(top - 2),
-                             static_cast<float>(top - 1), static_cast<float>(top));
-    __m128 a0 = _mm_setzero_ps(), a1 = _mm_setzero_ps();
-    // The padding is cleared by mask rather than by formula, so it stays 0
-    // whatever the rounding near the kernel's end.
-    __m128 keep = _mm_castsi128_ps(_mm_cmpgt_epi32(_mm_set_epi32(3, 2, 1, 0), _mm_set1_epi32(pad_ - 1)));
-    for (int32_t g = 0; g < groups_; ++g) {
-      const __m128 x = _mm_min_ps(_mm_mul_ps(_mm_and_ps(_mm_sub_ps(vTop, vFrac), vAbs), vScale), vEnd);
-      const __m128i vj = _mm_cvttps_epi32(_mm_min_ps(x, vLast));
-      const __m128 f = _mm_sub_ps(x, _mm_cvtepi32_ps(vj));
-      const auto j0 = static_cast<uint32_t>(_mm_cvtsi128_si32(vj));
-      const auto j1 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(1, 1, 1, 1))));
-      const auto j2 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(2, 2, 2, 2))));
-      const auto j3 = static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(vj, _MM_SHUFFLE(3, 3, 3, 3))));
-      __m128 p01 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + j0));
-      p01 = _mm_loadh_pi(p01, reinterpret_cast<const __m64*>(table + j1));
-      __m128 p23 = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(table + j2));
-      p23 = _mm_loadh_pi(p23, reinterpret_cast<const __m64*>(table + j3));
-      const __m128 a = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(2, 0, 2, 0));
-      const __m128 b = _mm_shuffle_ps(p01, p23, _MM_SHUFFLE(3, 1, 3, 1));
-      const __m128 wv = _mm_and_ps(_mm_add_ps(a, _mm_mul_ps(f, _mm_sub_ps(b, a))), keep);
-      keep = _mm_castsi128_ps(_mm_set1_epi32(-1));
-      vTop = _mm_sub_ps(vTop, vFour);
-      _mm_store_ps(w + 4 * g, wv);
-      a0 = _mm_add_ps(a0, _mm_mul_ps(wv, _mm_loadu_ps(x0 + 4 * g)));
-      a1 = _mm_add_ps(a1, _mm_mul_ps(wv, _mm_loadu_ps(x1 + 4 * g)));
+  // instant. The weights are computed once per output with the first two
+  // channels' sums and kept for the others, which are summed two at a time;
+  // a single channel is summed twice rather than taking a path of its own.
+  void produce(float* const* out, uint32_t o, const Position& p) {
+    if (phased_) {
+      kernels_.weighPhasedAndSum(phase_, p.frac, ring0_ + p.first, ring1_ + p.first, out[0] + o, out[second_] + o);
+    } else {
+      window_.frac = p.frac;
+      kernels_.weighAndSum(window_, ring0_ + p.first, ring1_ + p.first, out[0] + o, out[second_] + o);
     }
-    storeSums(a0, a1, gain_, y0, y1);
-#else
-    float a0[4] = {}, a1[4] = {};
-    for (int32_t m = 0; m < 4 * groups_; ++m) {
-      const float x = std::min(std::fabs(static_cast<float>(top - m) - frac) * scale, end);
-      const auto j = static_cast<uint32_t>(std::min(x, last));
-      const float f = x - static_cast<float>(j);
-      const float h = m < pad_ ? 0.0f : table[j] + f * (table[j + 1] - table[j]);
-      w[m] = h;
-      a0[m % 4] += h * x0[m];
-      a1[m % 4] += h * x1[m];
-    }
-    *y0 = gain_ * ((a0[0] + a0[2]) + (a0[1] + a0[3]));
-    *y1 = gain_ * ((a1[0] + a1[2]) + (a1[1] + a1[3]));
-#endif
-  }
-
-#if QOR_SRC_SSE2
-  // Lanes (a0[0] + a0[2], a1[0] + a1[2], a0[1] + a0[3], a1[1] + a1[3]), then
-  // the two halves added.
-  static void storeSums(__m128 a0, __m128 a1, float gain, float* y0, float* y1) {
-    const __m128 pairs = _mm_add_ps(_mm_unpacklo_ps(a0, a1), _mm_unpackhi_ps(a0, a1));
-    const __m128 y = _mm_mul_ps(_mm_set1_ps(gain), _mm_add_ps(pairs, _mm_movehl_ps(pairs, pairs)));
-    _mm_store_ss(y0, y);
-    _mm_store_ss(y1, _mm_shuffle_ps(y, y, _MM_SHUFFLE(1, 1, 1, 1)));
-  }
-#endif
-
-  // One output sample of every channel from the window starting at first_.
-  // A single channel is summed twice rather than taking a path of its own.
-  void produce(float* const* out, uint32_t o) {
-    weighAndSum(ring0_ + first_, ring1_ + first_, out[0] + o, out[second_] + o);
     for (uint32_t c = 2; c < channels_; c += 2) {
       const uint32_t next = c + 1 < channels_ ? c + 1 : c;
-      dot2(weights_, s_.rings[c].data + first_, s_.rings[next].data + first_, groups_, gain_, out[c] + o,
-           out[next] + o);
+      kernels_.sumWeighted(window_.weights, window_.groups, window_.gain, s_.rings[c].data + p.first,
+                           s_.rings[next].data + p.first, out[c] + o, out[next] + o);
     }
   }
 
-  // Two channels' weighted sums with one load of each weight vector. Every
-  // lane sums its own slots; lanes are added (0 + 2) + (1 + 3).
-  static void dot2(const float* w, const float* x0, const float* x1, int32_t groups, float gain, float* y0,
-                   float* y1) {
-#if QOR_SRC_SSE2
-    __m128 a0 = _mm_setzero_ps(), a1 = _mm_setzero_ps();
-    for (int32_t g = 0; g < groups; ++g) {
-      const __m128 wv = _mm_load_ps(w + 4 * g);
-      a0 = _mm_add_ps(a0, _mm_mul_ps(wv, _mm_loadu_ps(x0 + 4 * g)));
-      a1 = _mm_add_ps(a1, _mm_mul_ps(wv, _mm_loadu_ps(x1 + 4 * g)));
-    }
-    storeSums(a0, a1, gain, y0, y1);
-#else
-    float a0[4] = {}, a1[4] = {};
-    for (int32_t g = 0; g < groups; ++g) {
-      for (int32_t l = 0; l < 4; ++l) {
-        a0[l] += w[4 * g + l] * x0[4 * g + l];
-        a1[l] += w[4 * g + l] * x1[4 * g + l];
-      }
-    }
-    *y0 = gain * ((a0[0] + a0[2]) + (a0[1] + a0[3]));
-    *y1 = gain * ((a1[0] + a1[2]) + (a1[1] + a1[3]));
-#endif
-  }
-
-  // Appends n samples of every channel from input index i (usually one or
-  // two); the accumulator grows by one input period per sample. A ring that
-  // fills up slides its newest samples back to the start. The first two
-  // rings are written through pointers held for the block.
-  void push(float* const* in, uint32_t i, uint32_t n) {
-    const float* in0 = in[0];
-    const float* in1 = in[second_];
-    for (uint32_t k = i; k < i + n; ++k) {
-      ring0_[writePosition_] = in0[k];
-      ring1_[writePosition_] = in1[k];
-      for (uint32_t c = 2; c < channels_; ++c) s_.rings[c].data[writePosition_] = in[c][k];
-      accumulator_ += period_;
-      writePosition_ += 1;
-      if (writePosition_ == length_) slide();
-    }
-  }
-
-  void slide() {
+  // A ring that fills up slides its newest samples back to the start;
+  // returns the write position after the move.
+  int32_t slide() {
     const auto moved = sizeof(float) * static_cast<size_t>(kept_);
     for (uint32_t c = 0; c < channels_; ++c) {
       float* ring = s_.rings[c].data;
       std::memmove(ring, ring + (length_ - kept_), moved);
     }
-    writePosition_ = kept_;
+    return kept_;
   }
 
   State& s_;
@@ -442,18 +361,13 @@ class BlockConverter {
   int32_t length_;
   int32_t half_;
   int32_t pad_;
-  int32_t groups_;
   int32_t kept_;
   float period_;
   float outputPeriod_;
-  float scale_;  // table entries per input period
-  float end_;
-  float gain_;
-  float* weights_;
-  float accumulator_;
-  int32_t writePosition_;
-  int32_t first_ = 0;
-  float frac_ = 0.0f;
+  qor::TapKernels kernels_;
+  bool phased_;
+  qor::TapWindow window_{};
+  qor::PhaseWindow phase_{};
 };
 
 // Keeps the long-run output count at the exact count by adding or dropping
@@ -535,6 +449,7 @@ Result qorSampleRateConverterInit(QorSampleRateConverterInst* inst, const QorSam
   s->parameters = config->parameters;
   s->ratio = static_cast<float>(config->outputSampleRate) / static_cast<float>(config->inputSampleRate);
   buildKernel(*s);
+  s->kernel = qor::bestTapKernel();
   resetChannels(*s);
   s->calls = 0;
   s->inputTotal = 0;
@@ -611,3 +526,15 @@ Result qorSampleRateConverterRelease(QorSampleRateConverterInst* inst) {
 }
 
 }  // namespace QorSampleRateConverter_API_V1
+
+namespace qor {
+
+bool sampleRateConverterUseTaps(QorSampleRateConverter_API_V1::QorSampleRateConverterInst* inst, TapKernel kernel) {
+  using namespace QorSampleRateConverter_API_V1;
+  State* s = stateOf<State>(inst);
+  if (checkReady(s, s) != 0 || !tapKernelAvailable(kernel)) return false;
+  s->kernel = kernel;
+  return true;
+}
+
+}  // namespace qor

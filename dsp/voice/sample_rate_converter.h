@@ -75,3 +75,15 @@ QorSampleRateConverterResult qorSampleRateConverterGetCurrentLatency(QorSampleRa
 QorSampleRateConverterResult qorSampleRateConverterRelease(QorSampleRateConverterInst* inst);
 
 }  // namespace QorSampleRateConverter_API_V1
+
+namespace qor {
+
+enum class TapKernel : uint32_t;
+
+// Pins an initialised converter to one tap kernel (dsp/voice/interpolation_taps.h),
+// so tests can hold the kernels against each other; false, changing nothing,
+// when the instance is not initialised or the kernel cannot run here.
+bool sampleRateConverterUseTaps(QorSampleRateConverter_API_V1::QorSampleRateConverterInst* inst,
+                                TapKernel kernel);
+
+}  // namespace qor
