@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "dsp/core/cpu_features.h"
 
@@ -339,6 +340,128 @@ QOR_AVX void sumWeightedAvx(const float* w, int32_t groups, float gain, const fl
 }
 #endif
 
+// The converter's loop for one block, written once over one instruction
+// set's kernels and flattened into that set's entry point, so the kernels'
+// setup is hoisted out of the per-output work.
+template <auto weigh, auto weighPhased, auto sumWeighted>
+class BlockLoop {
+ public:
+  // Works on a copy: the caller's block is reachable through pointers, so
+  // every store to a ring would otherwise make its fields be read again.
+  explicit BlockLoop(const ConversionBlock& b)
+      : b_(b),
+        second_(b.channels > 1 ? 1 : 0),
+        length_(static_cast<int32_t>(b.rings[0].length)),
+        ring0_(b.rings[0].data),
+        ring1_(b.rings[second_].data) {}
+
+  uint32_t run(float* const* in, float* const* out, ConversionBlock& result) {
+    const uint32_t inCount = b_.inCount, outCount = b_.outCount;
+    const float* const in0 = in[0];
+    const float* const in1 = in[second_];
+    float accumulator = b_.accumulator;
+    int32_t writePosition = b_.writePosition;
+    uint32_t i = 0, o = 0;
+    for (;;) {
+      // Produce while the ring holds enough; the need is recomputed after the
+      // last output too, so it is current when feeding.
+      Position p = position(accumulator, writePosition);
+      while (p.need == 0 && o < outCount) {
+        produce(out, o, p);
+        o += 1;
+        accumulator -= b_.outputPeriod;
+        p = position(accumulator, writePosition);
+      }
+      if (p.need < 0) break;
+      // Feeding happens once more after the block's last output (need may
+      // then be 0).
+      const uint32_t end = i + std::min(static_cast<uint32_t>(p.need), inCount - i);
+      for (; i < end; ++i) {
+        ring0_[writePosition] = in0[i];
+        ring1_[writePosition] = in1[i];
+        for (uint32_t c = 2; c < b_.channels; ++c) b_.rings[c].data[writePosition] = in[c][i];
+        accumulator += b_.period;
+        writePosition += 1;
+        if (writePosition == length_) writePosition = slide();
+      }
+      if (o == outCount || i == inCount) break;
+    }
+    result.accumulator = accumulator;
+    result.writePosition = writePosition;
+    return o;
+  }
+
+ private:
+  struct Position {
+    int32_t need;   // input samples the next output still needs; 0: it can be made, -1: never
+    int32_t first;  // ring index of the window's slot 0
+    float frac;
+  };
+
+  // The output instant lies t input periods behind the newest input.
+  Position position(float accumulator, int32_t writePosition) const {
+    const float t = accumulator / b_.period;
+    // t is never negative: an output is made only H or more periods behind
+    // the newest input and moves the instant on by inRate / outRate periods,
+    // at most H / Nz. So truncation is the floor.
+    const auto n = static_cast<int32_t>(t);
+    if (n < b_.half) return {b_.half - n, 0, 0.0f};
+    // Behind the kept samples: never reached, see the converter's slide.
+    const int32_t first = writePosition - n - b_.half - b_.window.pad;
+    if (first < 0) return {-1, 0, 0.0f};
+    return {0, first, t - static_cast<float>(n)};
+  }
+
+  // Slot m of the window (m = 0 the oldest) holds tap 2H + P - m, P being
+  // the padding, which sits (H + P - m - frac) input periods from the output
+  // instant.
+  void produce(float* const* out, uint32_t o, const Position& p) {
+    if (b_.phased) {
+      weighPhased(b_.phase, p.frac, ring0_ + p.first, ring1_ + p.first, out[0] + o, out[second_] + o);
+    } else {
+      b_.window.frac = p.frac;
+      weigh(b_.window, ring0_ + p.first, ring1_ + p.first, out[0] + o, out[second_] + o);
+    }
+    for (uint32_t c = 2; c < b_.channels; c += 2) {
+      const uint32_t next = c + 1 < b_.channels ? c + 1 : c;
+      sumWeighted(b_.window.weights, b_.window.groups, b_.window.gain, b_.rings[c].data + p.first,
+                  b_.rings[next].data + p.first, out[c] + o, out[next] + o);
+    }
+  }
+
+  // A ring that fills up slides its newest samples back to the start;
+  // returns the write position after the move.
+  int32_t slide() {
+    for (uint32_t c = 0; c < b_.channels; ++c) {
+      float* ring = b_.rings[c].data;
+      std::memmove(ring, ring + (length_ - b_.kept), sizeof(float) * static_cast<size_t>(b_.kept));
+    }
+    return b_.kept;
+  }
+
+  ConversionBlock b_;
+  uint32_t second_;  // the second channel, or the first again when there is one
+  int32_t length_;
+  float* ring0_;
+  float* ring1_;
+};
+
+__attribute__((flatten)) uint32_t convertScalar(ConversionBlock& b, float* const* in, float* const* out) {
+  return BlockLoop<weighAndSumScalar, weighPhasedScalar, sumWeightedScalar>(b).run(in, out, b);
+}
+
+#if QOR_TAPS_SSE2
+__attribute__((flatten)) uint32_t convertSse2(ConversionBlock& b, float* const* in, float* const* out) {
+  return BlockLoop<weighAndSumSse2, weighPhasedSse2, sumWeightedSse2>(b).run(in, out, b);
+}
+#endif
+
+#if QOR_TAPS_AVX
+QOR_AVX __attribute__((flatten)) uint32_t convertAvx(ConversionBlock& b, float* const* in, float* const* out) {
+  return BlockLoop<weighAndSumAvx, weighPhasedAvx, sumWeightedAvx>(b).run(in, out, b);
+}
+#endif
+
 }  // namespace
 
 uint32_t phaseIndex(uint32_t i, uint32_t nz, uint32_t np) {
@@ -367,15 +490,15 @@ bool tapKernelAvailable(TapKernel kernel) {
   return false;
 }
 
-TapKernels tapKernels(TapKernel kernel) {
+uint32_t convertBlock(TapKernel kernel, ConversionBlock& block, float* const* in, float* const* out) {
 #if QOR_TAPS_AVX
-  if (kernel == TapKernel::Avx) return {weighAndSumAvx, weighPhasedAvx, sumWeightedAvx};
+  if (kernel == TapKernel::Avx) return convertAvx(block, in, out);
 #endif
 #if QOR_TAPS_SSE2
-  if (kernel != TapKernel::Scalar) return {weighAndSumSse2, weighPhasedSse2, sumWeightedSse2};
+  if (kernel != TapKernel::Scalar) return convertSse2(block, in, out);
 #endif
   static_cast<void>(kernel);
-  return {weighAndSumScalar, weighPhasedScalar, sumWeightedScalar};
+  return convertScalar(block, in, out);
 }
 
 }  // namespace qor

@@ -1,6 +1,7 @@
-// The inner loop of the sample-rate converter: the weights of one output's
-// taps, read from the tabulated kernel with one linear interpolation each,
-// and the weighted sums of the channels' windows.
+// The inner loop of the sample-rate converter: feeding the channels'
+// histories, and for every output the weights of its taps, read from the
+// tabulated kernel with one linear interpolation each, and the weighted sums
+// of the channels' windows.
 //
 // A window is read in groups of eight slots; the slots in front of the oldest
 // tap that round it up carry zero weight. Lane l of a sum collects the slots
@@ -53,24 +54,39 @@ struct PhaseWindow {
   int32_t groups;
 };
 
-// The three kernels of one instruction set, picked once so that the inner
-// loop makes one direct call per output.
-struct TapKernels {
-  // Computes and stores the window's weights and sums x0 and x1 with them.
-  void (*weighAndSum)(const TapWindow& window, const float* x0, const float* x1, float* y0, float* y1);
-  // weighAndSum for up-sampling, the output lying `frac` input periods past
-  // its tap; the slots are those of weighAndSum (the padding, the Nz taps
-  // before the output instant, oldest first, then the Nz + 1 at and after
-  // it) and the gain is 1.
-  void (*weighPhasedAndSum)(const PhaseWindow& window, float frac, const float* x0, const float* x1, float* y0,
-                            float* y1);
-  // Sums x0 and x1 with the weights the last call of either stored.
-  void (*sumWeighted)(const float* weights, int32_t groups, float gain, const float* x0, const float* x1, float* y0,
-                      float* y1);
+// A channel's input history as the converter keeps it: 8H samples read as
+// straight runs (see the converter's slide).
+struct ConverterRing {
+  float* data;
+  float samplePeriod;  // seconds per input sample
+  uint32_t length;
+  uint32_t writePosition;
 };
 
-// The kernels of `kernel`, which must be available here (bestTapKernel
-// gives one); one the build lacks gives the scalar kernels.
-TapKernels tapKernels(TapKernel kernel);
+// One call's worth of conversion. All channels see the same pushes and
+// outputs, so one accumulator and one write position stand for all; the
+// weights are worked out once per output and applied to every channel, two
+// at a time (a single channel is summed twice rather than taking a path of
+// its own).
+struct ConversionBlock {
+  ConverterRing* rings;
+  uint32_t channels;
+  uint32_t inCount;   // input samples per channel
+  uint32_t outCount;  // room per output channel
+  float accumulator;  // seconds from the next output instant back to the newest input
+  int32_t writePosition;
+  float period;        // input
+  float outputPeriod;
+  int32_t half;  // H
+  int32_t kept;  // samples a slide keeps
+  bool phased;   // up-sampling: `phase`, else `window`
+  TapWindow window;
+  PhaseWindow phase;
+};
+
+// Feeds and produces until the output block is full or the input used up,
+// leaving the accumulator and write position in `block`; returns the
+// outputs made per channel. The kernel must be available here.
+uint32_t convertBlock(TapKernel kernel, ConversionBlock& block, float* const* in, float* const* out);
 
 }  // namespace qor

@@ -19,12 +19,7 @@ constexpr size_t kHeaderBytes = 192;
 // Drift is judged over this many calls.
 constexpr int32_t kDriftCalls = 200;
 
-struct Ring {
-  float* data;
-  float samplePeriod;  // seconds per input sample
-  uint32_t length;     // 8H
-  uint32_t writePosition;
-};
+using Ring = qor::ConverterRing;
 static_assert(sizeof(Ring) == 24);
 
 struct State {
@@ -225,150 +220,32 @@ void resetChannels(State& s) {
   }
 }
 
-// Converts one block of every channel. All channels see the same sequence
-// of pushes and outputs, so their accumulators and write positions stay
-// equal; the positions and tap weights are worked out once per output and
-// applied to every channel, two channels per pass.
-class BlockConverter {
- public:
-  explicit BlockConverter(State& s)
-      : s_(s),
-        channels_(s.header.inputChannels),
-        second_(s.header.inputChannels > 1 ? 1 : 0),
-        ring0_(s.rings[0].data),
-        ring1_(s.rings[second_].data),
-        length_(static_cast<int32_t>(s.rings[0].length)),
-        half_(static_cast<int32_t>(s.halfWidth)),
-        pad_(static_cast<int32_t>(padOf(s.taps))),
-        kept_(static_cast<int32_t>(keptOf(s.halfWidth, s.taps))),
-        period_(s.rings[0].samplePeriod),
-        outputPeriod_(1.0f / static_cast<float>(s.header.outputSampleRate)),
-        kernels_(qor::tapKernels(s.kernel)),
-        phased_(phased(s)) {
-    phase_ = {s.table, s.delta, s.tapOffsets, s.parameters.numZeroCrossings, s.parameters.samplesPerZeroCrossing,
-              pad_, static_cast<int32_t>((s.taps + padOf(s.taps)) / qor::kTapGroup)};
-    window_.table = s.table;
-    window_.weights = s.tapOffsets;
-    window_.frac = 0.0f;
-    // Up-sampling measures the kernel in input samples; down-sampling in
-    // output samples, which stretches it to the lower cut-off.
-    const uint32_t lower = std::min(s.header.inputSampleRate, s.header.outputSampleRate);
-    window_.scale = static_cast<float>(lower) * period_ * static_cast<float>(s.parameters.samplesPerZeroCrossing);
-    window_.end = static_cast<float>(s.tableLength);
-    window_.gain = s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio;
-    window_.top = half_ + pad_;
-    window_.pad = pad_;
-    window_.groups = static_cast<int32_t>((s.taps + padOf(s.taps)) / qor::kTapGroup);
-  }
-
-  uint32_t run(float* const* in, float* const* out) {
-    const uint32_t inCount = s_.header.inputBlockSize;
-    const uint32_t outCount = s_.header.outputBlockSize;
-    const float* const in0 = in[0];
-    const float* const in1 = in[second_];
-    // The running state lives in locals for the block, where stores to the
-    // rings cannot be taken to change it.
-    float accumulator = s_.accumulators[0];
-    auto writePosition = static_cast<int32_t>(s_.rings[0].writePosition);
-    uint32_t i = 0, o = 0;
-    for (;;) {
-      // Produce while the ring holds enough; the need is recomputed after the
-      // last output too, so it is current when feeding.
-      Position p = position(accumulator, writePosition);
-      while (p.need == 0 && o < outCount) {
-        produce(out, o, p);
-        o += 1;
-        accumulator -= outputPeriod_;
-        p = position(accumulator, writePosition);
-      }
-      if (p.need < 0) break;
-      // Feeding happens once more after the block's last output (need may
-      // then be 0).
-      const uint32_t end = i + std::min(static_cast<uint32_t>(p.need), inCount - i);
-      for (; i < end; ++i) {
-        ring0_[writePosition] = in0[i];
-        ring1_[writePosition] = in1[i];
-        for (uint32_t c = 2; c < channels_; ++c) s_.rings[c].data[writePosition] = in[c][i];
-        accumulator += period_;
-        writePosition += 1;
-        if (writePosition == length_) writePosition = slide();
-      }
-      if (o == outCount || i == inCount) break;
-    }
-    for (uint32_t c = 0; c < channels_; ++c) {
-      s_.accumulators[c] = accumulator;
-      s_.rings[c].writePosition = static_cast<uint32_t>(writePosition);
-    }
-    return o;
-  }
-
- private:
-  struct Position {
-    int32_t need;   // input samples the next output still needs; 0: it can be made, -1: never
-    int32_t first;  // ring index of the window's slot 0
-    float frac;
-  };
-
-  // The output instant lies t input periods behind the newest input.
-  Position position(float accumulator, int32_t writePosition) const {
-    const float t = accumulator / period_;
-    // t is never negative: an output is made only H or more periods behind
-    // the newest input and moves the instant on by inRate / outRate periods,
-    // at most H / Nz. So truncation is the floor.
-    const auto n = static_cast<int32_t>(t);
-    if (n < half_) return {half_ - n, 0, 0.0f};
-    // Behind the kept samples: never reached, see keptOf.
-    const int32_t first = writePosition - n - half_ - pad_;
-    if (first < 0) return {-1, 0, 0.0f};
-    return {0, first, t - static_cast<float>(n)};
-  }
-
-  // Slot m of the window (m = 0 the oldest) holds tap 2H + P - m, P being
-  // the padding, which sits (H + P - m - frac) input periods from the output
-  // instant. The weights are computed once per output with the first two
-  // channels' sums and kept for the others, which are summed two at a time;
-  // a single channel is summed twice rather than taking a path of its own.
-  void produce(float* const* out, uint32_t o, const Position& p) {
-    if (phased_) {
-      kernels_.weighPhasedAndSum(phase_, p.frac, ring0_ + p.first, ring1_ + p.first, out[0] + o, out[second_] + o);
-    } else {
-      window_.frac = p.frac;
-      kernels_.weighAndSum(window_, ring0_ + p.first, ring1_ + p.first, out[0] + o, out[second_] + o);
-    }
-    for (uint32_t c = 2; c < channels_; c += 2) {
-      const uint32_t next = c + 1 < channels_ ? c + 1 : c;
-      kernels_.sumWeighted(window_.weights, window_.groups, window_.gain, s_.rings[c].data + p.first,
-                           s_.rings[next].data + p.first, out[c] + o, out[next] + o);
-    }
-  }
-
-  // A ring that fills up slides its newest samples back to the start;
-  // returns the write position after the move.
-  int32_t slide() {
-    const auto moved = sizeof(float) * static_cast<size_t>(kept_);
-    for (uint32_t c = 0; c < channels_; ++c) {
-      float* ring = s_.rings[c].data;
-      std::memmove(ring, ring + (length_ - kept_), moved);
-    }
-    return kept_;
-  }
-
-  State& s_;
-  uint32_t channels_;
-  uint32_t second_;  // the second channel, or the first again when there is one
-  float* ring0_;
-  float* ring1_;
-  int32_t length_;
-  int32_t half_;
-  int32_t pad_;
-  int32_t kept_;
-  float period_;
-  float outputPeriod_;
-  qor::TapKernels kernels_;
-  bool phased_;
-  qor::TapWindow window_{};
-  qor::PhaseWindow phase_{};
-};
+// The loop's view of the state for one call.
+qor::ConversionBlock blockOf(State& s) {
+  qor::ConversionBlock b{};
+  b.rings = s.rings;
+  b.channels = s.header.inputChannels;
+  b.inCount = s.header.inputBlockSize;
+  b.outCount = s.header.outputBlockSize;
+  b.accumulator = s.accumulators[0];
+  b.writePosition = static_cast<int32_t>(s.rings[0].writePosition);
+  b.period = s.rings[0].samplePeriod;
+  b.outputPeriod = 1.0f / static_cast<float>(s.header.outputSampleRate);
+  b.half = static_cast<int32_t>(s.halfWidth);
+  b.kept = static_cast<int32_t>(keptOf(s.halfWidth, s.taps));
+  b.phased = phased(s);
+  const auto pad = static_cast<int32_t>(padOf(s.taps));
+  const auto groups = static_cast<int32_t>((s.taps + padOf(s.taps)) / qor::kTapGroup);
+  // Up-sampling measures the kernel in input samples; down-sampling in
+  // output samples, which stretches it to the lower cut-off.
+  const uint32_t lower = std::min(s.header.inputSampleRate, s.header.outputSampleRate);
+  const float scale = static_cast<float>(lower) * b.period * static_cast<float>(s.parameters.samplesPerZeroCrossing);
+  const float gain = s.header.outputSampleRate > s.header.inputSampleRate ? 1.0f : s.ratio;
+  b.window = {s.table, s.tapOffsets, 0.0f, scale, static_cast<float>(s.tableLength), gain, b.half + pad, pad, groups};
+  b.phase = {s.table, s.delta, s.tapOffsets, s.parameters.numZeroCrossings, s.parameters.samplesPerZeroCrossing,
+             pad, groups};
+  return b;
+}
 
 // Keeps the long-run output count at the exact count by adding or dropping
 // one sample when it strays by more than one.
@@ -481,8 +358,12 @@ Result qorSampleRateConverterProcess(QorSampleRateConverterInst* inst, float** i
     return Result::Success;
   }
 
-  BlockConverter converter(*s);
-  const uint32_t produced = converter.run(input, output);
+  qor::ConversionBlock block = blockOf(*s);
+  const uint32_t produced = qor::convertBlock(s->kernel, block, input, output);
+  for (uint32_t c = 0; c < channels; ++c) {
+    s->accumulators[c] = block.accumulator;
+    s->rings[c].writePosition = static_cast<uint32_t>(block.writePosition);
+  }
   *outputCount = correctDrift(*s, output, produced);
   return Result::Success;
 }
