@@ -295,6 +295,10 @@ void filterChannelsBySection(State& s, uint32_t first, float* const* x, uint32_t
 // and right in the low two lanes. Each lane does the scalar arithmetic in
 // the scalar order, so the output matches section by section; each section
 // waits on its own recursion only, so the five overlap instead of adding up.
+// Without kPasses the high- and low-pass sections are left out, which the
+// caller does only when both are switched off and settled: then each is
+// y = 1 x v + 0 with its state staying 0, the input unchanged to the bit.
+template <bool kPasses>
 void filterPairFused(State& s, uint32_t first, float* const* x, uint32_t n) {
   struct PeakingLanes {
     __m128 b0, b1, b2, a1, a2, x1, x2, y1, y2;
@@ -340,11 +344,13 @@ void filterPairFused(State& s, uint32_t first, float* const* x, uint32_t n) {
       b.y1 = y;
       v = y;
     }
-    for (PassLanes& p : ps) {
-      const __m128 y = _mm_add_ps(_mm_mul_ps(p.b0, v), p.s1);
-      p.s1 = _mm_add_ps(_mm_add_ps(_mm_mul_ps(p.b1, v), p.s2), _mm_mul_ps(p.f1, y));
-      p.s2 = _mm_add_ps(_mm_mul_ps(p.b2, v), _mm_mul_ps(p.f2, y));
-      v = _mm_mul_ps(y, p.g);
+    if constexpr (kPasses) {
+      for (PassLanes& p : ps) {
+        const __m128 y = _mm_add_ps(_mm_mul_ps(p.b0, v), p.s1);
+        p.s1 = _mm_add_ps(_mm_add_ps(_mm_mul_ps(p.b1, v), p.s2), _mm_mul_ps(p.f1, y));
+        p.s2 = _mm_add_ps(_mm_mul_ps(p.b2, v), _mm_mul_ps(p.f2, y));
+        v = _mm_mul_ps(y, p.g);
+      }
     }
     _mm_store_ss(xl + i, v);
     _mm_store_ss(xr + i, _mm_shuffle_ps(v, v, _MM_SHUFFLE(1, 1, 1, 1)));
@@ -374,11 +380,25 @@ void filterPairFused(State& s, uint32_t first, float* const* x, uint32_t n) {
 }
 #endif
 
+// Both pass sections of the pair at first, first + 1 switched off with
+// their states run down to 0.
+bool passesSettledOff(const State& s, uint32_t first) {
+  if (s.highPass.active != 0 || s.lowPass.active != 0) return false;
+  for (uint32_t i = 2 * first; i < 2 * first + 4; ++i) {
+    if (s.highPassState[i] != 0.0f || s.lowPassState[i] != 0.0f) return false;
+  }
+  return true;
+}
+
 template <uint32_t N>
 void filterChannels(State& s, uint32_t first, float* const* x, uint32_t n) {
 #if defined(__SSE2__)
   if constexpr (N == 2) {
-    filterPairFused(s, first, x, n);
+    if (passesSettledOff(s, first)) {
+      filterPairFused<false>(s, first, x, n);
+    } else {
+      filterPairFused<true>(s, first, x, n);
+    }
     return;
   }
 #endif

@@ -88,6 +88,20 @@ TEST_F(MultiBandEqualiserTest, FlatIsTransparentAndChannelsAreIndependent) {
     EXPECT_EQ(run(make(p, 1, 128), Signal{three[c]})[0], out[c]) << "channel " << c;
   }
   EXPECT_EQ(defaults().crossfadeTime, 50.5f);
+
+  // Pairs leave out switched-off pass sections once their state has run
+  // down; a lone channel always runs them. Both must keep agreeing after
+  // the sections are switched off mid-stream.
+  QorMultiBandEqualiserInst* pair = make(p, 2, 256);
+  QorMultiBandEqualiserInst* single = make(p, 1, 256);
+  Signal pairOut = run(pair, in);
+  Signal singleOut = run(single, Signal{in[1]});
+  update(pair, defaults());
+  update(single, defaults());
+  const Signal more = run(pair, in), moreSingle = run(single, Signal{in[1]});
+  pairOut[1].insert(pairOut[1].end(), more[1].begin(), more[1].end());
+  singleOut[0].insert(singleOut[0].end(), moreSingle[0].begin(), moreSingle[0].end());
+  EXPECT_EQ(pairOut[1], singleOut[0]);
 }
 
 struct BandCase {
