@@ -530,10 +530,7 @@ QorCalvera2Result qorCalvera2GetDefaultParameters(QorCalvera2Parameters* paramet
 }
 
 QorCalvera2Result qorCalvera2GetParameters(QorCalvera2Inst* inst, QorCalvera2Parameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 QorCalvera2Result qorCalvera2UpdateParameters(QorCalvera2Inst* inst, QorCalvera2Parameters* parameters) {

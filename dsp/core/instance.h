@@ -103,4 +103,14 @@ State* stateOf(Public* inst) { return reinterpret_cast<State*>(inst); }
 template <class State, class Public>
 const State* stateOf(const Public* inst) { return reinterpret_cast<const State*>(inst); }
 
+// GetParameters of a family whose state keeps its record as `parameters`:
+// the checks, then the copy.
+template <class State, class Public, class Parameters>
+int32_t copyParameters(const Public* inst, Parameters* parameters) {
+  const State* s = stateOf<State>(inst);
+  if (const int32_t rc = checkReady(s, parameters); rc != 0) return rc;
+  *parameters = s->parameters;
+  return Success;
+}
+
 }  // namespace qor

@@ -98,10 +98,7 @@ Result qorMeteringGetDefaultParameters(QorMeteringParameters* parameters) {
 }
 
 Result qorMeteringGetParameters(QorMeteringInst* inst, QorMeteringParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorMeteringUpdateParameters(QorMeteringInst* inst, QorMeteringParameters* parameters) {

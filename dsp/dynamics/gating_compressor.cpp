@@ -288,10 +288,7 @@ Result qorGatingCompressorGetDefaultParameters(Parameters* parameters) {
 }
 
 Result qorGatingCompressorGetParameters(QorGatingCompressorInst* inst, Parameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorGatingCompressorUpdateParameters(QorGatingCompressorInst* inst, Parameters* parameters) {

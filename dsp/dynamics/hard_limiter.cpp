@@ -215,10 +215,7 @@ Result qorHardLimiterGetDefaultParameters(Parameters* parameters) {
 }
 
 Result qorHardLimiterGetParameters(QorHardLimiterInst* inst, Parameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorHardLimiterUpdateParameters(QorHardLimiterInst* inst, Parameters* parameters) {

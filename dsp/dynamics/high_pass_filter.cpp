@@ -142,10 +142,7 @@ Result qorHighPassFilterGetDefaultParameters(Parameters* parameters) {
 }
 
 Result qorHighPassFilterGetParameters(QorHighPassFilterInst* inst, Parameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorHighPassFilterUpdateParameters(QorHighPassFilterInst* inst, Parameters* parameters) {

@@ -689,10 +689,7 @@ Result qorMultiBandCompressorGetDefaultParameters(QorMultiBandCompressorParamete
 
 Result qorMultiBandCompressorGetParameters(QorMultiBandCompressorInst* inst,
                                            QorMultiBandCompressorParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorMultiBandCompressorUpdateParameters(QorMultiBandCompressorInst* inst,

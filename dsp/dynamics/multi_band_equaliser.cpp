@@ -469,10 +469,7 @@ Result qorMultiBandEqualiserGetDefaultParameters(QorMultiBandEqualiserParameters
 
 Result qorMultiBandEqualiserGetParameters(QorMultiBandEqualiserInst* inst,
                                           QorMultiBandEqualiserParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorMultiBandEqualiserUpdateParameters(QorMultiBandEqualiserInst* inst,

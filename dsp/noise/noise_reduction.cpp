@@ -320,10 +320,7 @@ Result qorNoiseReductionGetDefaultParameters(QorNoiseReductionParameters* parame
 
 Result qorNoiseReductionGetParameters(QorNoiseReductionInst* inst,
                                       QorNoiseReductionParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorNoiseReductionUpdateParameters(QorNoiseReductionInst* inst,

@@ -281,10 +281,7 @@ Result qorDelayGetDefaultParameters(QorDelayParameters* parameters) {
 }
 
 Result qorDelayGetParameters(QorDelayInst* inst, QorDelayParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorDelayUpdateParameters(QorDelayInst* inst, QorDelayParameters* parameters) {

@@ -425,10 +425,7 @@ Result qorFlangerPhaserGetDefaultParameters(QorFlangerPhaserParameters* paramete
 
 Result qorFlangerPhaserGetParameters(QorFlangerPhaserInst* inst,
                                      QorFlangerPhaserParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorFlangerPhaserUpdateParameters(QorFlangerPhaserInst* inst,

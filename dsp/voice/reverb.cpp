@@ -323,10 +323,7 @@ Result qorReverbGetDefaultParameters(QorReverbParameters* parameters) {
 }
 
 Result qorReverbGetParameters(QorReverbInst* inst, QorReverbParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorReverbUpdateParameters(QorReverbInst* inst, QorReverbParameters* parameters) {

@@ -178,10 +178,7 @@ Result qorRingModulatorGetDefaultParameters(QorRingModulatorParameters* paramete
 
 Result qorRingModulatorGetParameters(QorRingModulatorInst* inst,
                                      QorRingModulatorParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorRingModulatorUpdateParameters(QorRingModulatorInst* inst,

@@ -377,10 +377,7 @@ Result qorSampleRateConverterFlush(QorSampleRateConverterInst* inst) {
 
 Result qorSampleRateConverterGetParameters(QorSampleRateConverterInst* inst,
                                            QorSampleRateConverterParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorSampleRateConverterGetCurrentLatency(QorSampleRateConverterInst* inst, int32_t* latency) {

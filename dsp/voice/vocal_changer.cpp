@@ -402,10 +402,7 @@ Result qorVocalChangerGetDefaultParameters(QorVocalChangerParameters* parameters
 }
 
 Result qorVocalChangerGetParameters(QorVocalChangerInst* inst, QorVocalChangerParameters* parameters) {
-  const State* s = qor::stateOf<State>(inst);
-  if (const int32_t rc = qor::checkReady(s, parameters); rc != 0) return result(rc);
-  *parameters = s->parameters;
-  return Result::Success;
+  return result(qor::copyParameters<State>(inst, parameters));
 }
 
 Result qorVocalChangerUpdateParameters(QorVocalChangerInst* inst, QorVocalChangerParameters* parameters) {
