@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bench_util.h"
+#include "dsp/voice/interpolation_taps.h"
 #include "dsp/voice/sample_rate_converter.h"
 
 namespace {
@@ -33,7 +34,9 @@ constexpr Case kCases[] = {
     {"48000to44100/256", 48000, 256, 44100},
 };
 
-void BM_Qor(benchmark::State& state, Case c) {
+// The converter on the tap kernel Init picks (AVX where the processor has
+// it), or pinned to the SSE2 one.
+void runQor(benchmark::State& state, Case c, bool sse2) {
   QorSampleRateConverterConfig config{c.inRate, c.inBlock, kChannels, c.outRate, 0, kChannels, {}};
   qorSampleRateConverterGetDefaultParameters(&config.parameters);
   qorSampleRateConverterComputeOutputBlockSize(c.inRate, c.inBlock, c.outRate, &config.outputBlockSize);
@@ -45,6 +48,10 @@ void BM_Qor(benchmark::State& state, Case c) {
   qor::bench::Block block = qor::bench::alignedZeroed(size);
   auto* inst = reinterpret_cast<QorSampleRateConverterInst*>(block.get());
   qorSampleRateConverterInit(inst, &config);
+  if (sse2 && !qor::sampleRateConverterUseTaps(inst, qor::TapKernel::Sse2)) {
+    state.SkipWithError("no SSE2 kernel in this build");
+    return;
+  }
   qor::bench::Audio input(kChannels, c.inBlock);
   qor::bench::Audio output(kChannels, config.outputBlockSize);
   uint32_t produced = 0;
@@ -55,6 +62,9 @@ void BM_Qor(benchmark::State& state, Case c) {
   }
   qor::bench::reportRealTimeFactor(state, c.inBlock, c.inRate);
 }
+
+void BM_Qor(benchmark::State& state, Case c) { runQor(state, c, false); }
+void BM_QorSse2(benchmark::State& state, Case c) { runQor(state, c, true); }
 
 // The same blocks, interleaved beforehand as libsamplerate wants them, so
 // only its conversion is timed.
@@ -104,12 +114,15 @@ class RatioReporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
   }
   void printRatios() const {
-    std::printf("\nour CPU time / libsamplerate SRC_SINC_FASTEST CPU time (stereo):\n");
+    std::printf("\nour CPU time / libsamplerate SRC_SINC_FASTEST CPU time (stereo; SSE2 kernel alone):\n");
     for (const Case& c : kCases) {
       const auto ours = cpu_.find(std::string("BM_Qor/") + c.name);
+      const auto sse2 = cpu_.find(std::string("BM_QorSse2/") + c.name);
       const auto theirs = cpu_.find(std::string("BM_Libsamplerate/") + c.name);
       if (ours == cpu_.end() || theirs == cpu_.end() || theirs->second <= 0.0) continue;
-      std::printf("  %-18s %.3f\n", c.name, ours->second / theirs->second);
+      std::printf("  %-18s %.3f", c.name, ours->second / theirs->second);
+      if (sse2 != cpu_.end()) std::printf("  (%.3f)", sse2->second / theirs->second);
+      std::printf("\n");
     }
   }
 
@@ -123,6 +136,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 int main(int argc, char** argv) {
   for (const Case& c : kCases) {
     benchmark::RegisterBenchmark((std::string("BM_Qor/") + c.name).c_str(), BM_Qor, c);
+    benchmark::RegisterBenchmark((std::string("BM_QorSse2/") + c.name).c_str(), BM_QorSse2, c);
     benchmark::RegisterBenchmark((std::string("BM_Libsamplerate/") + c.name).c_str(), BM_Libsamplerate, c);
   }
   benchmark::Initialize(&argc, argv);
