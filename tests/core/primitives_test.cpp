@@ -27,7 +27,7 @@ using namespace qor;
 constexpr double kRate = 48000.0, kPi = std::numbers::pi;
 constexpr double kButterworthQ = 0.70710678118654752;
 
-TEST(Levels, ConversionsMatchTheirDefinitions) {
+TEST(Levels, ConversionsAndOnePoleCoefficientsMatchTheirDefinitions) {
   for (float db : {-60.0f, -6.0f, 0.0f, 6.0f}) {
     float lin = 0.0f;
     dbToLinearArray(&db, &lin, 1);
@@ -38,12 +38,8 @@ TEST(Levels, ConversionsMatchTheirDefinitions) {
     EXPECT_NEAR(centsToRatio(100.0f * db), std::pow(2.0, db / 12.0), 1e-6);
   }
   // Silence and negative input give the finite floor, not -inf.
+  EXPECT_TRUE(linearToDb(-1.0f) == linearToDb(0.0f) && std::fabs(linearToDb(0.0f) - 2 * powerToDb(0.0f)) < 0.1f);
   EXPECT_NEAR(linearToDb(0.0f), 20.0 * std::log10(kLevelFloor), 0.05);
-  EXPECT_EQ(linearToDb(-1.0f), linearToDb(0.0f));
-  EXPECT_NEAR(powerToDb(0.0f), 10.0 * std::log10(kLevelFloor), 0.05);
-}
-
-TEST(Coefficients, OnePolesSettleAsTheirTimesSay) {
   // Settle rule: a one-pole driven by a step is within -100 dB of it after 50 ms.
   const float c = settleCoefficient(48000.0f, 50.0f, -100.0f);
   double y = 0.0;
@@ -51,8 +47,7 @@ TEST(Coefficients, OnePolesSettleAsTheirTimesSay) {
   EXPECT_NEAR(1.0 - y, 1e-5, 1e-6);
   EXPECT_NEAR(timeConstantCoefficient(48000.0f, 10.0f), 1.0 - std::exp(-1.0 / 480.0), 1e-7);
   // Zero, negative or NaN times (or no rate) mean "jump at once".
-  EXPECT_EQ(settleCoefficient(48000.0f, 0.0f, -100.0f), 1.0f);
-  EXPECT_EQ(settleCoefficient(0.0f, 50.0f, -100.0f), 1.0f);
+  EXPECT_TRUE(settleCoefficient(48000.0f, 0.0f, -100.0f) == 1.0f && settleCoefficient(0.0f, 50.0f, -100.0f) == 1.0f);
   for (float ms : {0.0f, -3.0f, std::nanf("")}) EXPECT_EQ(timeConstantCoefficient(48000.0f, ms), 1.0f);
   const uint32_t lengths[][2] = {{22050, 32}, {44100, 32}, {88200, 64}, {96000, 64}, {192000, 128}};
   for (const auto& r : lengths) EXPECT_EQ(scaleForRate(32, r[0]), r[1]) << r[0];
@@ -86,9 +81,7 @@ TEST(Crossfade, FollowsTheOnePoleFromTheIncomingMixAlsoInPlace) {
   EXPECT_NEAR(m, model, 1e-5);
   m = 1.0f;
   crossfade(wet.data(), dry.data(), wet.data(), m, 0.0f, 1.0f, 100);
-  EXPECT_EQ(wet[0], 1.0f);
-  EXPECT_EQ(wet[1], -1.0f);
-  EXPECT_EQ(m, 0.0f);
+  EXPECT_TRUE(wet[0] == 1.0f && wet[1] == -1.0f && m == 0.0f);
 }
 
 TEST(Follower, RulesPickTheirCoefficientAndCarryAcrossCalls) {
@@ -133,10 +126,8 @@ TEST(Window, HannMatchesTheCosineDefinition) {
   }
 }
 
-TEST(PhaseWrap, IntoHalfOpenInterval) {
-  EXPECT_NEAR(wrapPhase(kPi), -kPi, 1e-12);
-  EXPECT_NEAR(wrapPhase(-kPi), -kPi, 1e-12);
-  EXPECT_NEAR(wrapPhase(0.25 + 20.0 * kPi), 0.25, 1e-9);
+TEST(PhaseWrap, IntoHalfOpenIntervalByWholeTurns) {
+  for (double a : {kPi, -kPi, 0.25 + 20.0 * kPi}) EXPECT_NEAR(wrapPhase(a), a == kPi ? -kPi : std::remainder(a, 2 * kPi), 1e-9) << a;
   for (float a = -40.0f; a < 40.0f; a += 0.37f) {
     const float w = wrapPhase(a);
     EXPECT_TRUE(w >= -std::numbers::pi_v<float> && w < std::numbers::pi_v<float>) << a;
@@ -158,11 +149,7 @@ double measuredGain(double f, Process process) {
   return qor::test::toneAmplitude(x, f, kRate, 12000);
 }
 
-struct ButterworthCase {
-  uint32_t order;
-  int32_t type;
-  float cutoff;
-};
+struct ButterworthCase { uint32_t order; int32_t type; float cutoff; };
 
 class ButterworthResponse : public ::testing::TestWithParam<ButterworthCase> {};
 
@@ -180,11 +167,10 @@ TEST_P(ButterworthResponse, DesignedAndMeasuredGainsMatchTheAnalyticMagnitude) {
     double designed = c[5 * sections];
     for (uint32_t k = 0; k < 5 * sections; k += 5) designed *= sectionGain(c[k], c[k + 1], c[k + 2], -c[k + 3], -c[k + 4], f);
     EXPECT_NEAR(designed, expected, edge ? 1e-5 : 1e-4) << "f=" << f;
-    if (expected > 0.01 && !edge) {
-      std::vector<float> state(2 * sections, 0.0f);
-      const double got = measuredGain(f, [&](float* x, uint32_t n) { processBiquadCascade(x, n, c.data(), state.data(), sections); });
-      EXPECT_NEAR(got / expected, 1.0, 0.01) << "f=" << f;
-    }
+    if (expected <= 0.01 || edge) continue;
+    std::vector<float> state(2 * sections, 0.0f);
+    const double got = measuredGain(f, [&](float* x, uint32_t n) { processBiquadCascade(x, n, c.data(), state.data(), sections); });
+    EXPECT_NEAR(got / expected, 1.0, 0.01) << "f=" << f;
   }
 }
 
@@ -196,11 +182,10 @@ INSTANTIATE_TEST_SUITE_P(Orders, ButterworthResponse,
                                            ButterworthCase{5, kHigh, 1000}));
 
 TEST(Butterworth, RefusesCutoffAtNyquistAndUnknownTypeWritingNothing) {
-  std::vector<float> c(11, 42.0f);
-  EXPECT_EQ(designButterworth(24000.0f, 2, 48000, kLow, c.data()), -1000);
-  EXPECT_EQ(designButterworth(22050.0f, 2, 44101, kLow, c.data()), -1000) << "integer half of an odd rate";
-  EXPECT_EQ(designButterworth(1000.0f, 2, 48000, 2, c.data()), -1000);
-  EXPECT_EQ(c[0], 42.0f);
+  std::vector<float> c(11, 42.0f);  // 22050 Hz is the integer half of 44101 Hz
+  const int32_t results[] = {designButterworth(24000.0f, 2, 48000, kLow, c.data()),
+                             designButterworth(22050.0f, 2, 44101, kLow, c.data()), designButterworth(1000.0f, 2, 48000, 2, c.data())};
+  EXPECT_TRUE(c[0] == 42.0f && results[0] == -1000 && results[1] == -1000 && results[2] == -1000);
   EXPECT_EQ(designButterworth(23999.0f, 2, 48000, kLow, c.data()), 0);
 }
 
@@ -224,10 +209,7 @@ TEST(BiquadCascade, SplitBlocksEqualOneBlockGainAppliesDenormalsFlushed) {
 }
 
 // A cookbook design and its gain at f0 (output gain aside) as the formulas give it.
-struct CookbookCase {
-  int32_t type;
-  double f0, q, gainDb, atF0Db, toleranceDb;
-};
+struct CookbookCase { int32_t type; double f0, q, gainDb, atF0Db, toleranceDb; };
 
 class CookbookResponse : public ::testing::TestWithParam<CookbookCase> {};
 
@@ -239,12 +221,10 @@ TEST_P(CookbookResponse, CharacteristicGainAndMeasuredResponse) {
   EXPECT_NEAR(std::max(atF0Db, -60.0), p.atF0Db, p.toleranceDb);
   for (double f : {60.0, p.f0 * 0.5, p.f0, p.f0 * 2.0, 9000.0}) {
     const double analytic = sectionGain(c.b0, c.b1, c.b2, c.a1, c.a2, f) * c.gain;
+    if (analytic <= 0.01) continue;
     CookbookBiquad bq{};
     bq.set(c, 0);
-    const double got = measuredGain(f, [&](float* x, uint32_t n) { bq.process(x, n); });
-    if (analytic > 0.01) {
-      EXPECT_NEAR(got / analytic, 1.0, 0.01) << "f=" << f;
-    }
+    EXPECT_NEAR(measuredGain(f, [&](float* x, uint32_t n) { bq.process(x, n); }) / analytic, 1.0, 0.01) << "f=" << f;
   }
 }
 
@@ -253,11 +233,10 @@ TEST_P(CookbookResponse, CharacteristicGainAndMeasuredResponse) {
 INSTANTIATE_TEST_SUITE_P(
     AllTypes, CookbookResponse,
     ::testing::Values(CookbookCase{kCookbookHighPass, 200, kButterworthQ, 0, -3.0103, 0.01},
-                      CookbookCase{kCookbookLowPass, 2000, 2, 0, 6.0206, 0.005},
+                      CookbookCase{kCookbookLowPass, 2000, 2, 0, 6.0206, 0.005}, CookbookCase{kCookbookPeaking, 1000, 2, 12, 12, 0.01},
                       CookbookCase{kCookbookBandPass, 1000, 1, 0, 0, 0.008}, CookbookCase{kCookbookNotch, 1000, 4, 0, -60, 0},
                       CookbookCase{kCookbookLowShelf, 300, kButterworthQ, 9, 4.5, 0.05},
                       CookbookCase{kCookbookHighShelf, 3000, kButterworthQ, -9, -4.5, 0.05},
-                      CookbookCase{kCookbookPeaking, 1000, 2, 12, 12, 0.01},
                       CookbookCase{kCookbookAllPass, 800, 0.25, 0, 0, 0.0008}));
 
 TEST(CookbookBiquad, RampIsLinearLandsOnTheTargetAndTickEqualsBlock) {
