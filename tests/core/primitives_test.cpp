@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "dsp/core/biquad_cascade.h"
-#include "dsp/core/block_ops.h"
 #include "dsp/core/butterworth.h"
 #include "dsp/core/cookbook_biquad.h"
 #include "dsp/core/crossfade.h"
@@ -51,25 +50,6 @@ TEST(Levels, ConversionsAndOnePoleCoefficientsMatchTheirDefinitions) {
   for (float ms : {0.0f, -3.0f, std::nanf("")}) EXPECT_EQ(timeConstantCoefficient(48000.0f, ms), 1.0f);
   const uint32_t lengths[][2] = {{22050, 32}, {44100, 32}, {88200, 64}, {96000, 64}, {192000, 128}};
   for (const auto& r : lengths) EXPECT_EQ(scaleForRate(32, r[0]), r[1]) << r[0];
-}
-
-TEST(BlockOps, MatchElementwiseDefinitionsIncludingTailsWithoutOverrun) {
-  for (uint32_t n : {0u, 1u, 3u, 16u, 37u}) {
-    const std::vector<float> a = qor::test::whiteNoise(n + 1, n), b = qor::test::whiteNoise(n + 1, n + 99);
-    std::vector<float> product(n + 1, 7.0f), scaled = product, copied = product;
-    multiplyBlocks(a.data(), b.data(), product.data(), n);
-    scaleBlock(a.data(), scaled.data(), -0.25f, n);
-    copyBlock(scaled.data(), copied.data(), n);
-    scaleBlockInPlace(copied.data(), 3.0f, n);
-    for (uint32_t i = 0; i < n; ++i) {
-      ASSERT_EQ(product[i], a[i] * b[i]);
-      ASSERT_EQ(scaled[i], a[i] * -0.25f);
-      ASSERT_EQ(copied[i], scaled[i] * 3.0f);
-    }
-    zeroBlock(copied.data(), n);
-    EXPECT_EQ(std::count(copied.begin(), copied.end(), 0.0f), static_cast<ptrdiff_t>(n));
-    EXPECT_TRUE(product[n] == 7.0f && scaled[n] == 7.0f && copied[n] == 7.0f) << "wrote past the end";
-  }
 }
 
 TEST(Crossfade, FollowsTheOnePoleFromTheIncomingMixAlsoInPlace) {
