@@ -20,9 +20,8 @@ TEST(InstanceLayout, CountingAndPlacingAgreeAndPiecesAreAlignedAndApart) {
     // In the house style: a null base only counts.
     const auto layOut = [n](unsigned char* base, FakeState& pieces) {
       qor::InstanceLayout lay(base);
-      FakeState* s = lay.take<FakeState>();
+      EXPECT_TRUE(qor::isAligned32(lay.take<FakeState>()));
       pieces = FakeState{0, lay.take<float>(n), lay.take<double>(3)};
-      EXPECT_TRUE(qor::isAligned32(s));
       return lay.size();
     };
     FakeState p{};

@@ -115,16 +115,13 @@ TEST_F(MeterTest, CrossfadeTimeRangeAndARefusedUpdateChangesNothing) {
     ASSERT_EQ(qorMeteringGetParameters(inst, &now), R::Success);
     EXPECT_TRUE(expected == R::Success || now.crossfadeTime == config.parameters.crossfadeTime) << time;
   }
-  int latency = -1;
-  EXPECT_EQ(qorMeteringGetCurrentLatency(inst, &latency), R::Success);
-  EXPECT_EQ(latency, 0);
 }
 
 TEST_F(MeterTest, CallingConventionsInCheckingOrder) {
   make();
   run(1.0f);
   size_t size = 0;
-  int latency = 0;
+  int latency = -1;
   qor::test::ChannelBuffers wide(2, 260);
   float* shifted[2] = {wide[0], wide[1] + 4};  // the second channel off by 16 bytes
   qor::test::InstanceMemory other(memory->size() + 32);
@@ -134,14 +131,15 @@ TEST_F(MeterTest, CallingConventionsInCheckingOrder) {
       {qorMeteringGetInstanceSize(nullptr, &size), R::ErrorNullPointer}, {qorMeteringInit(nullptr, &config), R::ErrorNullPointer},
       {qorMeteringGetDefaultParameters(nullptr), R::ErrorNullPointer}, {qorMeteringProcess(inst, nullptr), R::ErrorNullPointer},
       {qorMeteringGetMeteringPoint(nullptr, &point), R::ErrorNullPointer}, {qorMeteringGetCurrentLatency(inst, nullptr), R::ErrorNullPointer},
-      {qorMeteringInit(inst, &config), R::ErrorAlreadyInitialised}, {qorMeteringProcess(inst, shifted), R::ErrorMisaligned},
-      {qorMeteringInit(odd, &config), R::ErrorMisaligned}, {qorMeteringGetMeteringPoint(odd, &point), R::ErrorMisaligned},
-      // Released: not initialised for everything but the point, and Init works again.
-      {qorMeteringRelease(inst), R::Success}, {qorMeteringProcess(inst, audio->data()), R::ErrorNotInitialised},
-      {qorMeteringGetCurrentLatency(inst, &latency), R::ErrorNotInitialised}, {qorMeteringRelease(inst), R::ErrorNotInitialised},
-      {qorMeteringGetMeteringPoint(inst, &point), R::Success}};
+      {qorMeteringGetCurrentLatency(inst, &latency), R::Success}, {qorMeteringInit(inst, &config), R::ErrorAlreadyInitialised},
+      {qorMeteringProcess(inst, shifted), R::ErrorMisaligned}, {qorMeteringInit(odd, &config), R::ErrorMisaligned},
+      {qorMeteringGetMeteringPoint(odd, &point), R::ErrorMisaligned}, {qorMeteringRelease(inst), R::Success},
+      // Released: not initialised for everything but the point.
+      {qorMeteringProcess(inst, audio->data()), R::ErrorNotInitialised}, {qorMeteringRelease(inst), R::ErrorNotInitialised},
+      {qorMeteringGetCurrentLatency(inst, &latency), R::ErrorNotInitialised}, {qorMeteringGetMeteringPoint(inst, &point), R::Success}};
   for (size_t i = 0; i < std::size(live); ++i) EXPECT_EQ(live[i].first, live[i].second) << i;
   EXPECT_EQ(peak(), 0.0f);
+  EXPECT_EQ(latency, 0) << "no latency";
   EXPECT_EQ(qorMeteringInit(inst, &config), R::Success);
 }
 

@@ -41,8 +41,7 @@ class PeakHistoryModel : public ::testing::TestWithParam<std::pair<uint32_t, int
 TEST_P(PeakHistoryModel, UpdateAndPushMatchTheInOrderModelIncludingThresholdTies) {
   const auto [divider, length] = GetParam();
   qor::PeakHistory h, pushed;
-  qor::peakHistorySetup(h, 48000, 32, divider);
-  qor::peakHistorySetup(pushed, 48000, 32, divider);
+  for (qor::PeakHistory* x : {&h, &pushed}) qor::peakHistorySetup(*x, 48000, 32, divider);
   ASSERT_EQ(h.length, length) << "48000 / 32 / 2 / divider, within 1..150";
   ModelHistory model{std::vector<float>(static_cast<size_t>(length), 0.0f)};
   std::mt19937 rng(4242 + divider);
