@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dsp/core/peak_detector.h"
+#include "support/signals.h"
 
 namespace {
 
@@ -78,19 +79,18 @@ INSTANTIATE_TEST_SUITE_P(Lengths, PeakHistoryModel,
 // The vector path gives the plain loop's answer over any channels and span,
 // with NaN samples skipped.
 TEST(BlockPeak, EqualsThePlainMaximum) {
-  std::mt19937 rng(99);
-  std::normal_distribution<float> noise(0.0f, 1.0f);
-  std::vector<std::vector<float>> data(3, std::vector<float>(300));
-  for (int trial = 0; trial < 200; ++trial) {
-    for (auto& channel : data) std::generate(channel.begin(), channel.end(), [&] { return noise(rng); });
-    if (trial % 3 == 0) data[trial % 2][static_cast<size_t>(trial % 80)] = std::nanf("");
-    if (trial % 5 == 0) data[1][static_cast<size_t>((trial * 7) % 80)] = -40.0f;
-    const float* channels[] = {data[0].data(), data[1].data(), data[2].data()};
-    const auto start = static_cast<uint32_t>(trial % 7), n = static_cast<uint32_t>((trial * 13) % 74 + trial % 4 * 73);
-    float plain = 0.0f;  // grows by one channel at a time
-    for (int32_t count = 0; count <= 3; ++count) {
-      ASSERT_EQ(qor::blockPeak(channels, start, n, count), plain) << trial << " " << count;
-      for (uint32_t i = start; count < 3 && i < start + n; ++i) plain = std::max(plain, std::fabs(channels[count][i]));
+  std::vector<std::vector<float>> data;
+  for (uint32_t seed = 0; seed < 3; ++seed) data.push_back(qor::test::whiteNoise(300, seed, 2.0));
+  data[0][7] = data[2][150] = std::nanf("");
+  data[1][200] = -40.0f;
+  const float* channels[] = {data[0].data(), data[1].data(), data[2].data()};
+  for (uint32_t start : {0u, 1u, 5u}) {
+    for (uint32_t n : {0u, 3u, 15u, 16u, 17u, 64u, 250u, 294u}) {
+      float plain = 0.0f;  // grows by one channel at a time
+      for (int32_t count = 0; count <= 3; ++count) {
+        ASSERT_EQ(qor::blockPeak(channels, start, n, count), plain) << start << " " << n << " " << count;
+        for (uint32_t i = start; count < 3 && i < start + n; ++i) plain = std::max(plain, std::fabs(channels[count][i]));
+      }
     }
   }
 }
