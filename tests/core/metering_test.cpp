@@ -101,13 +101,15 @@ TEST_F(MeterTest, DisabledResetsEveryBlockAndOnlyTheLowByteCounts) {
   EXPECT_EQ(peak(), 0.0f);
 }
 
-TEST_F(MeterTest, CrossfadeTimeRangeAndARefusedUpdateChangesNothing) {
+TEST_F(MeterTest, ParameterRangeARefusedUpdateChangesNothingAndCallsInCheckingOrder) {
   make();
+  run(1.0f);
   QorMeteringParameters now{};
   size_t size = 0;
+  int latency = -1;
   const std::pair<float, R> cases[] = {{100.5f, R::ErrorOutOfRange}, {-0.1f, R::ErrorOutOfRange},
                                        {std::nanf(""), R::Success}, {100.0f, R::Success}};
-  for (const auto& [time, expected] : cases) {
+  for (const auto& [time, expected] : cases) {  // the crossfade time, in ms
     QorMeteringConfig c = config;
     c.parameters.crossfadeTime = time;
     EXPECT_EQ(qorMeteringGetInstanceSize(&c, &size), expected) << time;
@@ -115,13 +117,6 @@ TEST_F(MeterTest, CrossfadeTimeRangeAndARefusedUpdateChangesNothing) {
     ASSERT_EQ(qorMeteringGetParameters(inst, &now), R::Success);
     EXPECT_TRUE(expected == R::Success || now.crossfadeTime == config.parameters.crossfadeTime) << time;
   }
-}
-
-TEST_F(MeterTest, CallingConventionsInCheckingOrder) {
-  make();
-  run(1.0f);
-  size_t size = 0;
-  int latency = -1;
   qor::test::ChannelBuffers wide(2, 260);
   float* shifted[2] = {wide[0], wide[1] + 4};  // the second channel off by 16 bytes
   qor::test::InstanceMemory other(memory->size() + 32);
