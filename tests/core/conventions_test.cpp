@@ -9,11 +9,7 @@
 
 namespace {
 
-struct FakeState {
-  uint64_t marker;
-  float* a;
-  double* b;
-};
+struct FakeState { uint64_t marker; float* a; double* b; };
 
 TEST(InstanceLayout, CountingAndPlacingAgreeAndPiecesAreAlignedAndApart) {
   for (uint32_t n : {0u, 1u, 7u, 8u, 9u, 1000u}) {
