@@ -2,147 +2,93 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <vector>
 
 #include "dsp/core/bypass.h"
 #include "dsp/core/instance.h"
-#include "dsp/core/levels.h"
 #include "support/audio_buffers.h"
 
 namespace {
 
-struct FakeState {
-  uint64_t marker;
-  float* a;
-  double* b;
-};
+struct FakeState { uint64_t marker; float* a; double* b; };
 
-// A layout routine in the house style.
-size_t layOut(void* base, uint32_t n, FakeState** out) {
-  qor::InstanceLayout lay(base);
-  FakeState* s = lay.take<FakeState>();
-  float* a = lay.take<float>(n);
-  double* b = lay.take<double>(3);
-  if (s != nullptr) {
-    s->a = a;
-    s->b = b;
-    *out = s;
-  }
-  return lay.size();
-}
-
-TEST(InstanceLayout, CountingAndPlacingAgreeAndEveryPieceIsAligned) {
+TEST(InstanceLayout, CountingAndPlacingAgreeAndPiecesAreAlignedAndApart) {
   for (uint32_t n : {0u, 1u, 7u, 8u, 9u, 1000u}) {
-    const size_t size = layOut(nullptr, n, nullptr);
+    // In the house style: a null base only counts.
+    const auto layOut = [n](unsigned char* base, FakeState& pieces) {
+      qor::InstanceLayout lay(base);
+      EXPECT_TRUE(qor::isAligned32(lay.take<FakeState>()));
+      pieces = FakeState{0, lay.take<float>(n), lay.take<double>(3)};
+      return lay.size();
+    };
+    FakeState p{};
+    const size_t size = layOut(nullptr, p);
     qor::test::InstanceMemory mem(size);
-    FakeState* s = nullptr;
-    EXPECT_EQ(layOut(mem.bytes(), n, &s), size);
-    ASSERT_NE(s, nullptr);
-    EXPECT_TRUE(qor::isAligned32(s->b));
-    if (n > 0) {
-      EXPECT_TRUE(qor::isAligned32(s->a));
-      EXPECT_EQ(reinterpret_cast<unsigned char*>(s->b) - reinterpret_cast<unsigned char*>(s->a),
-                static_cast<ptrdiff_t>(qor::roundUp32(n * sizeof(float))));
-    }
-    EXPECT_LE(reinterpret_cast<unsigned char*>(s->b + 3), mem.bytes() + size);
+    EXPECT_EQ(layOut(mem.bytes(), p), size);
+    EXPECT_TRUE(qor::isAligned32(p.b) && (n == 0 || qor::isAligned32(p.a)));
+    EXPECT_GE(reinterpret_cast<unsigned char*>(p.b), reinterpret_cast<unsigned char*>(p.a + n)) << "overlap";
+    EXPECT_LE(reinterpret_cast<unsigned char*>(p.b + 3), mem.bytes() + size);
   }
 }
 
-TEST(Checks, OrderOfTheArgumentChecks) {
+TEST(Checks, ArgumentChecksInTheirOrderAndRanges) {
   qor::test::InstanceMemory mem(64);
   auto* s = reinterpret_cast<FakeState*>(mem.bytes());
   auto* odd = reinterpret_cast<FakeState*>(mem.bytes() + 16);
   int config = 0;
-  EXPECT_EQ(qor::checkInit<FakeState>(nullptr, &config), qor::ErrorNullPointer);
-  EXPECT_EQ(qor::checkInit(s, nullptr), qor::ErrorNullPointer);
-  EXPECT_EQ(qor::checkInit(odd, &config), qor::ErrorMisaligned);
-  EXPECT_EQ(qor::checkInit(s, &config), qor::Success);
-  EXPECT_EQ(qor::checkReady(s, s), qor::ErrorNotInitialised);
-  s->marker = qor::kInitMarker;
-  EXPECT_EQ(qor::checkInit(s, &config), qor::ErrorAlreadyInitialised);
-  EXPECT_EQ(qor::checkReady(s, s), qor::Success);
-  EXPECT_EQ(qor::checkReady(s, nullptr), qor::ErrorNullPointer);
-
   qor::test::ChannelBuffers ch(2, 64);
   float* good[2] = {ch[0], ch[1]};
   float* bad[2] = {ch[0], ch[1] + 1};
-  EXPECT_EQ(qor::checkProcess(s, good, 2), qor::Success);
-  EXPECT_EQ(qor::checkProcess(s, bad, 2), qor::ErrorMisaligned);
-  EXPECT_EQ(qor::checkProcess(s, bad, 1), qor::Success) << "only the configured channels";
-  EXPECT_EQ(qor::checkProcess(s, nullptr, 2), qor::ErrorNullPointer);
-  s->marker = 0;
-  EXPECT_EQ(qor::checkProcess(s, bad, 2), qor::ErrorMisaligned) << "alignment before the marker";
-  EXPECT_EQ(qor::checkProcess(s, good, 2), qor::ErrorNotInitialised);
-}
-
-TEST(Checks, RangeTestsLetNanPass) {
-  EXPECT_FALSE(qor::outOfRange(std::nanf(""), 0.0f, 1.0f));
-  EXPECT_FALSE(qor::outOfRange(0.0f, 0.0f, 1.0f));
-  EXPECT_FALSE(qor::outOfRange(1.0f, 0.0f, 1.0f));
-  EXPECT_TRUE(qor::outOfRange(1.0001f, 0.0f, 1.0f));
-  EXPECT_TRUE(qor::outOfRange(-1, 0, 3));
-  EXPECT_EQ(qor::parameterError(0), -1005000);
+  // Null before alignment before the marker; only the configured channels count.
+  const int32_t fresh[][2] = {
+      {qor::checkInit<FakeState>(nullptr, &config), qor::ErrorNullPointer}, {qor::checkInit(s, nullptr), qor::ErrorNullPointer},
+      {qor::checkInit(odd, &config), qor::ErrorMisaligned}, {qor::checkInit(s, &config), qor::Success},
+      {qor::checkReady(s, s), qor::ErrorNotInitialised}, {qor::checkProcess(s, bad, 2), qor::ErrorMisaligned},
+      {qor::checkProcess(s, good, 2), qor::ErrorNotInitialised}};
+  for (const auto& c : fresh) EXPECT_EQ(c[0], c[1]) << &c - fresh;
+  s->marker = qor::kInitMarker;
+  const int32_t ready[][2] = {
+      {qor::checkInit(s, &config), qor::ErrorAlreadyInitialised}, {qor::checkReady(s, s), qor::Success},
+      {qor::checkReady(s, nullptr), qor::ErrorNullPointer}, {qor::checkProcess(s, good, 2), qor::Success},
+      {qor::checkProcess(s, bad, 2), qor::ErrorMisaligned}, {qor::checkProcess(s, bad, 1), qor::Success},
+      {qor::checkProcess(s, nullptr, 2), qor::ErrorNullPointer}};
+  for (const auto& c : ready) EXPECT_EQ(c[0], c[1]) << &c - ready;
+  // Range tests let NaN through; parameter check i fails with -1005000 - i.
+  EXPECT_TRUE(!qor::outOfRange(std::nanf(""), 0.0f, 1.0f) && !qor::outOfRange(0.0f, 0.0f, 1.0f) && !qor::outOfRange(1.0f, 0.0f, 1.0f));
+  EXPECT_TRUE(qor::outOfRange(1.0001f, 0.0f, 1.0f) && qor::outOfRange(-1, 0, 3));
   EXPECT_EQ(qor::parameterError(11), -1005011);
 }
 
-class BypassTest : public ::testing::Test {
- protected:
-  static constexpr uint32_t kN = 256;
-  BypassTest() : wet(2, kN), dry(2, kN) {}
-  // One block: wet is +1, dry is -1; returns the reset flag.
-  bool block(bool enabled) {
+TEST(BypassFade, SwitchOffFadesToDryAndAsksForAResetSwitchOnFadesBack) {
+  constexpr uint32_t kN = 256;
+  qor::test::ChannelBuffers wet(2, kN), dry(2, kN), in(2, kN);
+  qor::BypassFade fade{};
+  // One block with wet +1 and dry -1; returns the reset request.
+  const auto block = [&](bool enabled) {
     wet.fill(1.0f);
     dry.fill(-1.0f);
     return fade.finish(enabled, wet.data(), dry.data(), 2, kN);
-  }
-  qor::BypassFade fade{};
-  qor::test::ChannelBuffers wet, dry;
-};
-
-TEST_F(BypassTest, SwitchOffFadesToDrySnapsAndAsksForAReset) {
+  };
   fade.init(true, 10.0f, 48000.0f);
-  EXPECT_EQ(fade.mix, 1.0f);
-  EXPECT_FALSE(fade.transition(true));
-  EXPECT_FALSE(block(true));
+  EXPECT_FALSE(fade.transition(true) || block(true));
   EXPECT_EQ(wet[0][0], 1.0f) << "no transition: the processed block is untouched";
-
   int blocks = 0;
-  bool reset = false;
-  while (!reset && blocks < 100) {
+  for (bool reset = false; !reset && blocks < 100; ++blocks) {
     ASSERT_TRUE(fade.active(false));
     reset = block(false);
-    // Both channels start from the same mix.
-    ASSERT_EQ(wet[0][0], wet[1][0]);
-    ASSERT_EQ(wet[0][kN - 1], wet[1][kN - 1]);
-    ++blocks;
+    ASSERT_EQ(wet[0][kN - 1], wet[1][kN - 1]) << "both channels follow one mix";
   }
-  EXPECT_TRUE(reset);
-  EXPECT_EQ(fade.mix, 0.0f);
-  EXPECT_FALSE(fade.active(false));
-  // 10 ms at 48 kHz is 480 samples to -100 dB: two blocks.
-  EXPECT_EQ(blocks, 2);
-}
-
-TEST_F(BypassTest, SwitchOnFadesToProcessedWithoutReset) {
+  EXPECT_TRUE(fade.mix == 0.0f && !fade.active(false));
+  EXPECT_EQ(blocks, 2) << "10 ms at 48 kHz is 480 samples to -100 dB";
+  // Back on, with a 50 ms fade: rising, and no reset.
   fade.init(false, 50.0f, 48000.0f);
-  EXPECT_FALSE(fade.active(false));
-  EXPECT_TRUE(fade.active(true));
+  EXPECT_TRUE(!fade.active(false) && fade.active(true));
   float previous = -2.0f;
-  int blocks = 0;
-  while (fade.transition(true) && blocks < 100) {
+  for (blocks = 0; fade.transition(true) && blocks < 100; ++blocks, previous = wet[0][kN - 1]) {
     EXPECT_FALSE(block(true));
     EXPECT_GT(wet[0][kN - 1], previous);
-    previous = wet[0][kN - 1];
-    ++blocks;
   }
   EXPECT_EQ(fade.mix, 1.0f);
   EXPECT_NEAR(blocks * kN, 2400, kN);
-  // Coefficient from the settle rule with -100 dB.
-  EXPECT_EQ(fade.coefficient, qor::settleCoefficient(48000.0f, 50.0f, -100.0f));
-}
-
-TEST_F(BypassTest, KeepDryCopiesTheInput) {
-  qor::test::ChannelBuffers in(2, kN);
   in.fill(0.25f);
   qor::BypassFade::keepDry(in.data(), dry.data(), 2, kN);
   EXPECT_EQ(dry[1][kN - 1], 0.25f);
