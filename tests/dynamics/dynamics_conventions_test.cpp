@@ -61,8 +61,8 @@ std::vector<BadField<typename F::Params>> outOfRange(std::vector<std::array<floa
   return cases;
 }
 
-#define FAMILY_CALLS(N)                           \
-  QOR_FAMILY_CALLS(N)                             \
+#define FAMILY_CALLS(N, CALLS)                    \
+  CALLS(N)                                        \
   static Config config() {                        \
     Config c{};                                   \
     setHeader(c, {48000, 256, 2, 48000, 256, 2}); \
@@ -71,8 +71,9 @@ std::vector<BadField<typename F::Params>> outOfRange(std::vector<std::array<floa
   }
 
 struct HighPass {
-  FAMILY_CALLS(HighPassFilter)
+  FAMILY_CALLS(HighPassFilter, QOR_FAMILY_CALLS)
   static constexpr int kLatency = 0;
+  static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
   static std::vector<float*> floats(Params& p) { return {&p.cutoffFrequency, &p.crossfadeTime}; }
   static std::vector<BadField<Params>> bad() {
     return {{[](Params& p) { p.order = 0; }, -1005000},
@@ -94,8 +95,9 @@ struct HighPass {
 };
 
 struct Gate {
-  FAMILY_CALLS(GatingCompressor)
+  FAMILY_CALLS(GatingCompressor, QOR_METERED_CALLS)
   static constexpr int kLatency = 256;
+  static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 256}, {96000, 512}}; }
   static std::vector<float*> floats(Params& p) {
     return {&p.gateThreshold,        &p.gateFloor,        &p.gateAttack,          &p.gateRelease,
             &p.gateHold,             &p.compressorThreshold, &p.compressorRatio, &p.compressorInputGain,
@@ -120,8 +122,11 @@ struct Gate {
 };
 
 struct Limiter {
-  FAMILY_CALLS(HardLimiter)
+  FAMILY_CALLS(HardLimiter, QOR_METERED_CALLS)
   static constexpr int kLatency = 128;
+  static std::vector<std::array<uint32_t, 2>> delays() {
+    return {{48000, 128}, {44100, 128}, {96000, 256}, {192000, 512}};
+  }
   static std::vector<float*> floats(Params& p) {
     return {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime};
   }
@@ -138,8 +143,9 @@ struct Limiter {
 };
 
 struct Equaliser {
-  FAMILY_CALLS(MultiBandEqualiser)
+  FAMILY_CALLS(MultiBandEqualiser, QOR_FAMILY_CALLS)
   static constexpr int kLatency = 0;
+  static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
   static Config coloured() {
     Config c = config();
     c.parameters.band1Gain = 6.0f;
@@ -168,8 +174,9 @@ struct Equaliser {
 };
 
 struct MultiBand {
-  FAMILY_CALLS(MultiBandCompressor)
+  FAMILY_CALLS(MultiBandCompressor, QOR_METERED_CALLS)
   static constexpr int kLatency = 128;
+  static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 128}, {96000, 256}}; }
   static std::vector<float*> floats(Params& p) {
     return {&p.lowThreshold, &p.highThreshold, &p.lowCrossoverFrequency, &p.lowCrossoverQ, &p.lowGainFloor,
             &p.highCrossoverFrequency, &p.highCrossoverQ, &p.highGainFloor, &p.lowAttack, &p.ratio,
@@ -242,6 +249,13 @@ TYPED_TEST(DynamicsConventions, ArgumentChecksInOrderAndTheLifecycle) {
   EXPECT_EQ(this->code(F::update(nullptr, &p)), -1003000);
   EXPECT_EQ(this->code(F::latency(inst, nullptr)), -1003000);
   EXPECT_EQ(this->code(F::process(inst, nullptr)), -1003000);
+  if constexpr (requires { F::points; }) {
+    EXPECT_EQ(this->code(F::points(inst, nullptr)), -1003000);
+    qor::test::Instance<F> unmetered(this->config.parameters, 48000, 256, 2, 0);
+    const typename F::Points* points = nullptr;
+    EXPECT_EQ(this->code(F::points(unmetered.inst(), &points)), -1003005);
+    EXPECT_EQ(points, nullptr) << "no metering unless configured";
+  }
   EXPECT_NO_ALLOCATION(EXPECT_EQ(this->code(F::process(inst, shifted)), -1001000));
   EXPECT_EQ(audio[0][0], 1.5f) << "a refused block is left alone";
 
@@ -257,6 +271,10 @@ TYPED_TEST(DynamicsConventions, ArgumentChecksInOrderAndTheLifecycle) {
   EXPECT_EQ(this->code(F::flush(inst)), -1002000);
   EXPECT_EQ(this->code(F::release(inst)), -1002000);
   EXPECT_EQ(this->code(F::latency(inst, &latency)), -1002000);
+  if constexpr (requires { F::points; }) {
+    const typename F::Points* points = nullptr;
+    EXPECT_EQ(this->code(F::points(inst, &points)), -1002000);
+  }
   EXPECT_EQ(this->code(F::init(inst, &this->config)), 0) << "a released instance starts again";
 }
 
@@ -308,17 +326,18 @@ TYPED_TEST(DynamicsConventions, NanPassesEveryRangeCheck) {
   }
 }
 
-TYPED_TEST(DynamicsConventions, ReportedLatencyMatchesTheDelayOfNoise) {
+TYPED_TEST(DynamicsConventions, ReportedLatencyIsFixedWhileTheDelayOfNoiseFollowsTheRate) {
   using F = TypeParam;
   // Between the gate threshold and the compressor thresholds, under the
   // limiter's ceiling: every dynamic stage runs at unity gain.
   const std::vector<float> x = qor::test::whiteNoise(256 * 64, 17, 0.1);
-  const Signal y = this->run(this->inst(), Signal{x, x});
-  int latency = -1;
-  ASSERT_EQ(this->code(F::latency(this->inst(), &latency)), 0);
-  EXPECT_EQ(latency, F::kLatency);
-  EXPECT_EQ(qor::test::delayByCrossCorrelation(x, y[0], 1000), latency);
-  EXPECT_EQ(y[1], y[0]);
+  for (auto [rate, delay] : F::delays()) {
+    qor::test::Instance<F> instance(this->config.parameters, rate, 256, 2);
+    const Signal y = instance.run(Signal{x, x});
+    EXPECT_EQ(instance.latency(), F::kLatency) << rate;
+    EXPECT_EQ(qor::test::delayByCrossCorrelation(x, y[0], 1000), static_cast<int>(delay)) << rate;
+    EXPECT_EQ(y[1], y[0]);
+  }
 }
 
 TYPED_TEST(DynamicsConventions, FlushForgetsTheSignalButKeepsTheParameters) {
