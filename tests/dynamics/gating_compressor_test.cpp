@@ -30,127 +30,64 @@ std::vector<float> crestToneDb(std::vector<std::pair<double, int>> segments) {
   return crestTone(segments);
 }
 
-// Five seconds (twenty of the slowest time constants), measured over the last.
-double settledGainDb(Dynamics& d, double levelDb) {
-  const std::vector<float> x = crestToneDb({{levelDb, 7500}});
-  return toneGainDb(x, d.run(x), 750.0, x.size() * 4 / 5, 256);
-}
-
-struct GateCase {
-  double threshold, floor, level, expectedDb;
+// {gate?, threshold, floor (gate) or ratio, input gain, makeup, level, gain}.
+// Compressor: min(threshold - (level + in), 0) (1 - 1/ratio) + in + makeup,
+// lowered so that the output stays under +24 dB (the last case). Gate: ratio
+// 20 below the threshold down to the floor; a floor of 0 dB never gates.
+struct CurveCase {
+  bool gate;
+  float threshold, floorOrRatio, inputGain, makeup, level, expectedDb;
 };
-class GatingCompressorGate : public ::testing::TestWithParam<GateCase> {};
+class GatingCompressorCurve : public ::testing::TestWithParam<CurveCase> {};
 
-TEST_P(GatingCompressorGate, SteadyToneSettlesAtTheExpanderGain) {
-  const GateCase c = GetParam();
-  P p = gateOnly();
-  p.gateThreshold = static_cast<float>(c.threshold);
-  p.gateFloor = static_cast<float>(c.floor);
+TEST_P(GatingCompressorCurve, SteadyToneSettlesOnTheStaticCurveAndTheMeterReadsIt) {
+  const CurveCase c = GetParam();
+  P p = c.gate ? gateOnly() : compressorOnly();
+  (c.gate ? p.gateThreshold : p.compressorThreshold) = c.threshold;
+  (c.gate ? p.gateFloor : p.compressorRatio) = c.floorOrRatio;
+  p.compressorInputGain = c.inputGain, p.compressorMakeupGain = c.makeup;
   Dynamics d(p);
-  EXPECT_NEAR(settledGainDb(d, c.level), c.expectedDb, 0.05);
-  EXPECT_NEAR(d.reading(0)[0], c.expectedDb, 0.05) << "the gate point reads the applied gain";
-}
-
-// 12 dB under is floored, 1 dB under is ratio 20, at and above it is open,
-// and a floor of 0 dB never gates.
-INSTANTIATE_TEST_SUITE_P(
-    LevelsAroundTheThreshold, GatingCompressorGate,
-    ::testing::Values(GateCase{-48, -48, -60, -48}, GateCase{-48, -48, -49, -19}, GateCase{-48, -48, -50.5, -47.5},
-                      GateCase{-48, -48, -48, 0}, GateCase{-48, -48, -20, 0}, GateCase{-30, -60, -32, -38},
-                      GateCase{-30, -60, -40, -60}, GateCase{-30, 0, -70, 0}));
-
-struct CompressorCase {
-  double threshold, ratio, inputGain, makeup, level, expectedDb;
-};
-class GatingCompressorCompressor : public ::testing::TestWithParam<CompressorCase> {};
-
-TEST_P(GatingCompressorCompressor, SteadyToneSettlesAtTheStaticCurve) {
-  const CompressorCase c = GetParam();
-  P p = compressorOnly();
-  p.compressorThreshold = static_cast<float>(c.threshold);
-  p.compressorRatio = static_cast<float>(c.ratio);
-  p.compressorInputGain = static_cast<float>(c.inputGain);
-  p.compressorMakeupGain = static_cast<float>(c.makeup);
-  Dynamics d(p);
-  EXPECT_NEAR(settledGainDb(d, c.level), c.expectedDb, 0.05);
-  for (int i : {0, 1}) {
-    EXPECT_NEAR(d.reading(1)[i], c.expectedDb - c.inputGain - c.makeup, 0.05) << "the reduction alone";
+  // Five seconds (twenty of the slowest time constants), measured over the last.
+  const std::vector<float> x = crestToneDb({{c.level, 7500}});
+  EXPECT_NEAR(toneGainDb(x, d.run(x), 750.0, x.size() * 4 / 5, 256), c.expectedDb, 0.05);
+  // The gate point reads the applied gain, the compressor point the reduction alone.
+  for (int i = 0; i < (c.gate ? 1 : 2); ++i) {
+    EXPECT_NEAR(d.reading(c.gate ? 0 : 1)[i], c.expectedDb - c.inputGain - c.makeup, 0.05);
   }
 }
 
-// Expected: min(threshold - (level + in), 0) * (1 - 1/ratio) + in + makeup,
-// lowered so that the output stays under +24 dB (the last case).
 INSTANTIATE_TEST_SUITE_P(
-    StaticCurve, GatingCompressorCompressor,
-    ::testing::Values(CompressorCase{-20, 4, 0, 0, -8, -9}, CompressorCase{-20, 4, 0, 0, -30, 0},
-                      CompressorCase{-20, 2, 0, 0, -4, -8}, CompressorCase{-40, 20, 0, 0, -10, -28.5},
-                      CompressorCase{-20, 1, 0, 0, -3, 0}, CompressorCase{-20, 4, 6, 3, -14, 0},
-                      CompressorCase{-20, 4, -6, 12, -8, 1.5}, CompressorCase{0, 1, 0, 12, 18.0617997, 5.9382003}));
+    Levels, GatingCompressorCurve,
+    ::testing::Values(CurveCase{true, -48, -48, 0, 0, -60, -48}, CurveCase{true, -48, -48, 0, 0, -49, -19},
+                      CurveCase{true, -48, -48, 0, 0, -50.5f, -47.5f}, CurveCase{true, -48, -48, 0, 0, -48, 0},
+                      CurveCase{true, -48, -48, 0, 0, -20, 0}, CurveCase{true, -30, -60, 0, 0, -32, -38},
+                      CurveCase{true, -30, -60, 0, 0, -40, -60}, CurveCase{true, -30, 0, 0, 0, -70, 0},
+                      CurveCase{false, -20, 4, 0, 0, -8, -9}, CurveCase{false, -20, 4, 0, 0, -30, 0},
+                      CurveCase{false, -20, 2, 0, 0, -4, -8}, CurveCase{false, -40, 20, 0, 0, -10, -28.5f},
+                      CurveCase{false, -20, 1, 0, 0, -3, 0}, CurveCase{false, -20, 4, 6, 3, -14, 0},
+                      CurveCase{false, -20, 4, -6, 12, -8, 1.5f},
+                      CurveCase{false, 0, 1, 0, 12, 18.0617997f, 5.9382003f}));
 
 // Both dynamic stages in double precision: the shared level detector feeds a
-// static curve, then `follow` moves the followers towards the target gain.
-std::vector<double> model(const std::vector<float>& x, const std::function<double(double)>& curve,
-                          const std::function<double(double)>& follow) {
+// static curve (in dB), then `follow` moves the followers towards its gain.
+// The gain read at the start of output sub-block i + 4 (half a block of
+// delay) is the one reached after sub-block i + 3.
+void expectGainsFollowTheModel(const P& p, const std::vector<float>& x, const std::function<double(double)>& curve,
+                               const std::function<double(double)>& follow) {
   qor::PeakHistory history{};
   qor::peakHistorySetup(history, 48000, 32, 20);
-  std::vector<double> t;
+  std::vector<double> model;
   for (size_t start = 0; start + 32 <= x.size(); start += 32) {
     const float* ch = x.data();
     const double peak = qor::peakHistoryUpdate(history, &ch, static_cast<uint32_t>(start), 32, 1);
-    t.push_back(follow(std::pow(10.0, curve(20.0 * std::log10(std::max(peak, 1e-300))) / 20.0)));
+    model.push_back(follow(std::pow(10.0, curve(20.0 * std::log10(std::max(peak, 1e-300))) / 20.0)));
   }
-  return t;
-}
-double tc(double ms) { return ms > 0 ? 1.0 - std::exp(-1.0 / (1500.0 * ms / 1000.0)) : 1.0; }
-
-std::vector<double> modelGate(const std::vector<float>& x, const P& p) {
-  const double open1 = tc(p.gateAttack), close1 = tc(std::max(p.gateRelease * 0.05, 5.0));
-  const double open2 = tc(std::max(p.gateAttack * 20.0, 5.0)), close2 = tc(p.gateRelease);
-  const int hold = static_cast<int>(p.gateHold * 0.001 * 48000.0 / 32.0);
-  double held = 1, y1 = 1, y2 = 1;
-  int counter = 0;
-  auto curve = [&](double level) {
-    level = std::max(level, -120.0);
-    return level < p.gateThreshold ? std::max(19.0 * (level - p.gateThreshold), double{p.gateFloor}) : 0.0;
-  };
-  return model(x, curve, [&](double g) {
-    if (g > held || counter >= hold) {
-      held = g, counter = 0;
-    } else {
-      g = held, ++counter;
-    }
-    y1 += (g > y1 ? open1 : close1) * (g - y1);
-    y2 += (g > y2 ? open2 : close2) * (g - y2);
-    return std::max(y1, y2);
-  });
-}
-
-std::vector<double> modelCompressor(const std::vector<float>& x, const P& p) {
-  const double a1 = tc(p.compressorAttack), r1 = tc(std::max(p.compressorRelease * 0.2, 5.0));
-  const double a2 = tc(std::max(p.compressorAttack * 5.0, 5.0)), r2 = tc(p.compressorRelease);
-  double y1 = 1, y2 = 1;
-  auto curve = [&](double level) {
-    level += p.compressorInputGain;
-    const double g = std::min(p.compressorThreshold - level, 0.0) * (1.0 - 1.0 / p.compressorRatio) +
-                     p.compressorInputGain + p.compressorMakeupGain;
-    return std::max(g - std::max(g + level - 24.0, 0.0), -100.0);
-  };
-  return model(x, curve, [&](double target) {
-    y1 += (y1 > target ? a1 : r1) * (target - y1);
-    y2 += (y2 > y1 ? a2 : r2) * (y1 - y2);
-    return std::min(y1, y2);
-  });
-}
-
-// The gain read at the start of output sub-block i + 4 (half a block of
-// delay) is the one reached after sub-block i + 3.
-void expectGainsFollowTheModel(const P& p, const std::vector<float>& x, const std::vector<double>& model) {
   const std::vector<float> y = Dynamics(p).run(x);
   for (size_t i = 0; 32 * i + 160 <= y.size(); ++i) {
-    const double measured = std::fabs(y[32 * i + 128]) / std::fabs(x[32 * i]);
-    ASSERT_NEAR(toDb(measured), toDb(model[i + 3]), 0.02) << "sub-block " << i;
+    ASSERT_NEAR(toDb(std::fabs(y[32 * i + 128]) / std::fabs(x[32 * i])), toDb(model[i + 3]), 0.02) << i;
   }
 }
+double tc(double ms) { return ms > 0 ? 1.0 - std::exp(-1.0 / (1.5 * ms)) : 1.0; }
 
 TEST(GatingCompressorTiming, GateOpensHoldsAndClosesAsTheFollowersPredict) {
   // Quiet, a loud phrase, quiet again, a phrase just under the threshold.
@@ -160,8 +97,28 @@ TEST(GatingCompressorTiming, GateOpensHoldsAndClosesAsTheFollowersPredict) {
                                        std::array<float, 3>{50, 1000, 200}, std::array<float, 3>{200, 120, 30}}) {
     P p = gateOnly();
     p.gateAttack = attack, p.gateRelease = release, p.gateHold = hold;
+    const double open1 = tc(attack), close1 = tc(std::max(release * 0.05, 5.0));
+    const double open2 = tc(std::max(attack * 20.0, 5.0)), close2 = tc(release);
+    const int holdBlocks = static_cast<int>(hold * 0.001 * 48000.0 / 32.0);
+    double held = 1, y1 = 1, y2 = 1;
+    int counter = 0;
     SCOPED_TRACE(attack);
-    expectGainsFollowTheModel(p, x, modelGate(x, p));
+    expectGainsFollowTheModel(
+        p, x,
+        [&](double level) {
+          level = std::max(level, -120.0);
+          return level < p.gateThreshold ? std::max(19.0 * (level - p.gateThreshold), double{p.gateFloor}) : 0.0;
+        },
+        [&](double g) {
+          if (g > held || counter >= holdBlocks) {
+            held = g, counter = 0;
+          } else {
+            g = held, ++counter;
+          }
+          y1 += (g > y1 ? open1 : close1) * (g - y1);
+          y2 += (g > y2 ? open2 : close2) * (g - y2);
+          return std::max(y1, y2);
+        });
   }
 }
 
@@ -171,8 +128,21 @@ TEST(GatingCompressorTiming, CompressorAttackAndReleaseFollowTheTwoFollowersInSe
     P p = compressorOnly();
     p.compressorThreshold = -30, p.compressorRatio = 6, p.compressorMakeupGain = 4;
     p.compressorAttack = attack, p.compressorRelease = release;
+    const double a1 = tc(attack), r1 = tc(std::max(release * 0.2, 5.0));
+    const double a2 = tc(std::max(attack * 5.0, 5.0)), r2 = tc(release);
+    double y1 = 1, y2 = 1;
     SCOPED_TRACE(attack);
-    expectGainsFollowTheModel(p, x, modelCompressor(x, p));
+    expectGainsFollowTheModel(
+        p, x,
+        [&](double level) {
+          const double g = std::min(-30.0 - level, 0.0) * (1.0 - 1.0 / 6.0) + 4.0;
+          return std::max(g - std::max(g + level - 24.0, 0.0), -100.0);
+        },
+        [&](double target) {
+          y1 += (y1 > target ? a1 : r1) * (target - y1);
+          y2 += (y2 > y1 ? a2 : r2) * (y1 - y2);
+          return std::min(y1, y2);
+        });
   }
 }
 
@@ -201,6 +171,7 @@ TEST(GatingCompressorBlocks, GateAloneDelaysHalfABlockAndOffGridBlocksPassButSti
 TEST(GatingCompressorBypass, DisablingFadesToTheDrySignalAndClearsTheState) {
   // Loud enough to be compressed, so processed and dry differ.
   const std::vector<float> x = crestToneDb({{-3, 2000}});
+  auto block = [&](int k) { return std::vector<float>(x.begin() + 256 * k, x.begin() + 256 * (k + 1)); };
   P on = defaults();
   on.compressorThreshold = -30, on.compressorRatio = 10;
   P off = on;
@@ -208,27 +179,19 @@ TEST(GatingCompressorBypass, DisablingFadesToTheDrySignalAndClearsTheState) {
   Dynamics d(on), fresh(off);
   d.run(std::vector<float>(x.begin(), x.begin() + 256 * 100));
   d.update(off);
+  // The tone repeats every 64 samples, so the delayed, compressed copy is in
+  // phase with the dry one and the crossfade shows as a plain gain.
   const double keep = fadeKeep(50.0), compressed = std::pow(10.0, -27.0 * 0.9 / 20.0);
-  double mix = 1.0;
-  int block = 100;
-  for (; block < 130 && mix > 0.0; ++block) {
-    const std::vector<float> in(x.begin() + 256 * block, x.begin() + 256 * (block + 1));
+  int k = 100;
+  for (double mix = 1.0; mix >= 1e-5; mix *= std::pow(keep, 256), ++k) {
     EXPECT_EQ(d.latency(), 256);
-    const std::vector<float> out = d.run(in);
-    // The tone repeats every 64 samples, so the delayed, compressed copy is in
-    // phase with the dry one and the crossfade shows as a plain gain.
     const double m = mix * std::pow(keep, 224);
-    EXPECT_NEAR(out[224] / in[224], (1.0 - m) + m * compressed, 0.003) << "block " << block;
-    mix *= std::pow(keep, 256);
-    if (mix < 1e-5) mix = 0.0;
+    EXPECT_NEAR(d.run(block(k))[224] / block(k)[224], (1.0 - m) + m * compressed, 0.003) << "block " << k;
   }
-  EXPECT_LT(block, 130);
   EXPECT_EQ(d.latency(), 0);
-  const std::vector<float> in(x.begin() + 256 * block, x.begin() + 256 * (block + 1));
-  EXPECT_EQ(d.run(in), in) << "untouched once the fade is over";
+  EXPECT_EQ(d.run(block(k)), block(k)) << "untouched once the fade is over";
   EXPECT_NEAR(d.reading(0)[0], -758.6, 0.1) << "readings fall to the floor while disabled";
   EXPECT_NEAR(d.reading(1)[0], -758.6, 0.1);
-
   // Re-enabled, it behaves as an instance that never ran.
   d.update(on);
   fresh.update(on);
