@@ -127,6 +127,12 @@ struct Limiter {
   static std::vector<std::array<uint32_t, 2>> delays() {
     return {{48000, 128}, {44100, 128}, {96000, 256}, {192000, 512}};
   }
+  // An input gain, so Flush must also restart its glide from unity.
+  static Config coloured() {
+    Config c = config();
+    c.parameters.inputGain = 6.0f;
+    return c;
+  }
   static std::vector<float*> floats(Params& p) {
     return {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime};
   }
