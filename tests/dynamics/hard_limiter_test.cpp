@@ -110,49 +110,4 @@ TEST(HardLimiterBurst, LoudBurstIsHeldUnderFullScaleFromItsFirstSampleAndOffGrid
   EXPECT_EQ(Limiter(with(5, 250, 0), 48000, 130).run(odd), odd) << "unclipped off the sub-block grid";
 }
 
-const std::vector<float> kLoud = whiteNoise(256 * 80, 51, 1.5);
-std::vector<float> block(size_t k) { return {kLoud.begin() + 256 * k, kLoud.begin() + 256 * (k + 1)}; }
-
-TEST(HardLimiterBypass, DisablingFadesOutThenPassesEvenOverFullScaleUntouched) {
-  Limiter limiter;
-  for (size_t k = 0; k < 10; ++k) limiter.run(block(k));
-  P off = with(5, 250, 0);
-  off.enable = 0;
-  limiter.update(off);
-  const double keep = fadeKeep(50.5);
-  double mix = 1.0;
-  size_t k = 10;
-  for (; k < 40 && mix > 0.0; ++k) {
-    EXPECT_EQ(limiter.latency(), 128);
-    const std::vector<float> y = limiter.run(block(k));
-    // Late in the block the output is mostly dry, so it may exceed 1.0.
-    if (mix * std::pow(keep, 255) < 0.1) {
-      EXPECT_GT(peakAbs(y, 200), 1.0) << k;
-    }
-    mix *= std::pow(keep, 256);
-    if (mix < 1e-5) mix = 0.0;
-  }
-  EXPECT_NEAR(static_cast<double>(k - 10) * 256.0, 0.0505 * 48000.0, 256.0) << "the default crossfade";
-  EXPECT_EQ(limiter.latency(), 0);
-  EXPECT_EQ(limiter.run(block(k)), block(k));
-  EXPECT_NEAR(limiter.reading()[0], -758.6, 0.1);
-}
-
-TEST(HardLimiterBypass, CompletedFadeEmptiesTheLookAhead) {
-  P instant = with(5, 250, 0, 0);
-  Limiter limiter(instant);
-  for (size_t k = 0; k < 10; ++k) limiter.run(block(k));
-  instant.enable = 0;
-  limiter.update(instant);
-  limiter.run(block(10));
-  EXPECT_EQ(limiter.latency(), 0);
-  EXPECT_EQ(limiter.run(block(11)), block(11));
-  instant.enable = 1;
-  limiter.update(instant);
-  const std::vector<float> y = limiter.run(block(12));
-  EXPECT_EQ(y[0], block(12)[0]) << "the first sample still carries the incoming (dry) mix";
-  for (size_t i = 1; i < 128; ++i) ASSERT_EQ(y[i], 0.0f) << "the look-ahead was cleared: " << i;
-  EXPECT_NE(y[200], 0.0f);
-}
-
 }  // namespace

@@ -137,30 +137,4 @@ TEST(MultiBandEqualiser, CutoffGlidesOneStepPerUpdateOnceTheStageHasRun) {
   expectCutoff(fresh, 6000.0);
 }
 
-TEST(MultiBandEqualiser, BypassCrossfadesToDryAndResetsTheFilters) {
-  P p = defaults();
-  p.band2Gain = 12.0f, p.highPassOrder = 2, p.crossfadeTime = 10.0f;
-  P off = p;
-  off.enable = 0;
-  Equaliser eq(p), wetOnly(p), fresh(off);
-  const std::vector<float> in = whiteNoise(256 * 12, 31, 0.5);
-  const std::vector<float> head(in.begin(), in.end() - 256), block(in.end() - 256, in.end());
-  eq.run(head);
-  wetOnly.run(head);
-  eq.update(off);
-  const std::vector<float> faded = eq.run(block), wet = wetOnly.run(block);
-  double m = 1.0;
-  for (size_t i = 0; i < 256; ++i, m *= fadeKeep(10.0)) {
-    ASSERT_NEAR(faded[i], (1.0 - m) * block[i] + m * wet[i], 1e-5) << i;
-  }
-  eq.run(head);
-  EXPECT_EQ(eq.run(block), block) << "at rest the block passes untouched";
-
-  // Switched back on it matches a fresh instance switched on from bypass:
-  // reaching dry cleared the filter history.
-  eq.update(p);
-  fresh.update(p);
-  EXPECT_EQ(eq.run(in), fresh.run(in));
-}
-
 }  // namespace
