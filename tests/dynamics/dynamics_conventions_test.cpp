@@ -16,7 +16,6 @@
 #include "dsp/dynamics/high_pass_filter.h"
 #include "dsp/dynamics/multi_band_compressor.h"
 #include "dsp/dynamics/multi_band_equaliser.h"
-#include "support/signals.h"
 
 namespace {
 
@@ -24,7 +23,7 @@ using namespace QorHighPassFilter_API_V1;
 using namespace QorGatingCompressor_API_V1;
 using namespace QorHardLimiter_API_V1;
 using namespace QorMultiBandCompressor_API_V1;
-using qor::test::Signal;
+using namespace qor::test;
 
 template <class P>
 struct BadField {
@@ -61,18 +60,10 @@ std::vector<BadField<typename F::Params>> outOfRange(std::vector<std::array<floa
   return cases;
 }
 
-#define FAMILY_CALLS(N, CALLS)                    \
-  CALLS(N)                                        \
-  static Config config() {                        \
-    Config c{};                                   \
-    setHeader(c, {48000, 256, 2, 48000, 256, 2}); \
-    defaults(&c.parameters);                      \
-    return c;                                     \
-  }
+#define FAMILY_CALLS(N, CALLS) CALLS(N)
 
 struct HighPass {
   FAMILY_CALLS(HighPassFilter, QOR_FAMILY_CALLS)
-  static constexpr int kLatency = 0;
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
   static std::vector<float*> floats(Params& p) { return {&p.cutoffFrequency, &p.crossfadeTime}; }
   static std::vector<BadField<Params>> bad() {
@@ -96,7 +87,6 @@ struct HighPass {
 
 struct Gate {
   FAMILY_CALLS(GatingCompressor, QOR_METERED_CALLS)
-  static constexpr int kLatency = 256;
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 256}, {96000, 512}}; }
   static std::vector<float*> floats(Params& p) {
     return {&p.gateThreshold,        &p.gateFloor,        &p.gateAttack,          &p.gateRelease,
@@ -123,16 +113,11 @@ struct Gate {
 
 struct Limiter {
   FAMILY_CALLS(HardLimiter, QOR_METERED_CALLS)
-  static constexpr int kLatency = 128;
   static std::vector<std::array<uint32_t, 2>> delays() {
     return {{48000, 128}, {44100, 128}, {96000, 256}, {192000, 512}};
   }
   // An input gain, so Flush must also restart its glide from unity.
-  static Config coloured() {
-    Config c = config();
-    c.parameters.inputGain = 6.0f;
-    return c;
-  }
+  static void colour(Params& p) { p.inputGain = 6.0f; }
   static std::vector<float*> floats(Params& p) {
     return {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime};
   }
@@ -150,14 +135,8 @@ struct Limiter {
 
 struct Equaliser {
   FAMILY_CALLS(MultiBandEqualiser, QOR_FAMILY_CALLS)
-  static constexpr int kLatency = 0;
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
-  static Config coloured() {
-    Config c = config();
-    c.parameters.band1Gain = 6.0f;
-    c.parameters.highPassOrder = 2;
-    return c;
-  }
+  static void colour(Params& p) { p.band1Gain = 6.0f, p.highPassOrder = 2; }
   static std::vector<float*> floats(Params& p) {
     return {&p.highPassFrequency, &p.band1Frequency, &p.band1Q,      &p.band1Gain,
             &p.band2Frequency,    &p.band2Q,         &p.band2Gain,   &p.band3Frequency,
@@ -181,7 +160,6 @@ struct Equaliser {
 
 struct MultiBand {
   FAMILY_CALLS(MultiBandCompressor, QOR_METERED_CALLS)
-  static constexpr int kLatency = 128;
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 128}, {96000, 256}}; }
   static std::vector<float*> floats(Params& p) {
     return {&p.lowThreshold, &p.highThreshold, &p.lowCrossoverFrequency, &p.lowCrossoverQ, &p.lowGainFloor,
@@ -203,33 +181,20 @@ struct MultiBand {
   }
 };
 
+// Stereo 48 kHz in blocks of 256 with the defaults, coloured where a
+// family's defaults would leave some behaviour unexercised.
 template <class F>
-class DynamicsConventions : public ::testing::Test {
- protected:
-  using Inst = typename F::Inst;
-
-  void SetUp() override {
-    if constexpr (requires { F::coloured(); }) config = F::coloured();
-    ASSERT_EQ(code(F::size(&config, &bytes)), 0);
-    memory = std::make_unique<qor::test::InstanceMemory>(bytes);
-    ASSERT_EQ(code(F::init(inst(), &config)), 0);
+struct DynamicsConventions : ::testing::Test {
+  static typename F::Config makeConfig() {
+    typename F::Config c{};
+    setHeader(c, {48000, 256, 2, 48000, 256, 2});
+    F::defaults(&c.parameters);
+    if constexpr (requires { F::colour(c.parameters); }) F::colour(c.parameters);
+    return c;
   }
-  Inst* inst() { return memory->as<Inst>(); }
-  Inst* another() {
-    extra.push_back(std::make_unique<qor::test::InstanceMemory>(bytes));
-    auto* i = extra.back()->template as<Inst>();
-    EXPECT_EQ(code(F::init(i, &config)), 0);
-    return i;
-  }
-  static int32_t code(auto rc) { return static_cast<int32_t>(rc); }
-  static Signal run(Inst* instance, const Signal& x) {
-    return qor::test::runBlocks([&](float** ch) { return F::process(instance, ch); }, x, 256);
-  }
-
-  typename F::Config config = F::config();
-  size_t bytes = 0;
-  std::unique_ptr<qor::test::InstanceMemory> memory;
-  std::vector<std::unique_ptr<qor::test::InstanceMemory>> extra;
+  Instance<F> make() { return Instance<F>(config.parameters, 48000, 256, 2); }
+  typename F::Config config = makeConfig();
+  Instance<F> main = make();
 };
 
 using Families = ::testing::Types<HighPass, Gate, Limiter, Equaliser, MultiBand>;
@@ -237,51 +202,52 @@ TYPED_TEST_SUITE(DynamicsConventions, Families);
 
 TYPED_TEST(DynamicsConventions, ArgumentChecksInOrderAndTheLifecycle) {
   using F = TypeParam;
-  auto* inst = this->inst();
+  auto* inst = this->main.inst();
+  const auto* cfg = &this->config;
   typename F::Params p{};
   int latency = 0;
-  qor::test::ChannelBuffers audio(2, 256);
+  size_t bytes = 0;
+  ChannelBuffers audio(2, 256);
   audio.fill(1.5f);
   float* good[2] = {audio[0], audio[1]};
   float* shifted[2] = {audio[0], audio[1] + 4};  // 16- but not 32-byte aligned
 
-  EXPECT_EQ(this->code(F::size(nullptr, &this->bytes)), -1003000);
-  EXPECT_EQ(this->code(F::size(&this->config, nullptr)), -1003000);
-  EXPECT_EQ(this->code(F::init(nullptr, &this->config)), -1003000);
-  EXPECT_EQ(this->code(F::init(inst, nullptr)), -1003000);
-  EXPECT_EQ(this->code(F::init(inst, &this->config)), -1002001);
-  EXPECT_EQ(this->code(F::defaults(nullptr)), -1003000);
-  EXPECT_EQ(this->code(F::get(inst, nullptr)), -1003000);
-  EXPECT_EQ(this->code(F::update(nullptr, &p)), -1003000);
-  EXPECT_EQ(this->code(F::latency(inst, nullptr)), -1003000);
-  EXPECT_EQ(this->code(F::process(inst, nullptr)), -1003000);
+  EXPECT_EQ(code(F::size(nullptr, &bytes)), -1003000);
+  EXPECT_EQ(code(F::size(cfg, nullptr)), -1003000);
+  EXPECT_EQ(code(F::init(nullptr, cfg)), -1003000);
+  EXPECT_EQ(code(F::init(inst, nullptr)), -1003000);
+  EXPECT_EQ(code(F::init(inst, cfg)), -1002001);
+  EXPECT_EQ(code(F::defaults(nullptr)), -1003000);
+  EXPECT_EQ(code(F::get(inst, nullptr)), -1003000);
+  EXPECT_EQ(code(F::update(nullptr, &p)), -1003000);
+  EXPECT_EQ(code(F::latency(inst, nullptr)), -1003000);
+  EXPECT_EQ(code(F::process(inst, nullptr)), -1003000);
   if constexpr (requires { F::points; }) {
-    EXPECT_EQ(this->code(F::points(inst, nullptr)), -1003000);
-    qor::test::Instance<F> unmetered(this->config.parameters, 48000, 256, 2, 0);
+    EXPECT_EQ(code(F::points(inst, nullptr)), -1003000);
+    Instance<F> unmetered(cfg->parameters, 48000, 256, 2, 0);
     const typename F::Points* points = nullptr;
-    EXPECT_EQ(this->code(F::points(unmetered.inst(), &points)), -1003005);
+    EXPECT_EQ(code(F::points(unmetered.inst(), &points)), -1003005);
     EXPECT_EQ(points, nullptr) << "no metering unless configured";
   }
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(this->code(F::process(inst, shifted)), -1001000));
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(code(F::process(inst, shifted)), -1001000));
   EXPECT_EQ(audio[0][0], 1.5f) << "a refused block is left alone";
+  ASSERT_EQ(code(F::size(cfg, &bytes)), 0);
+  InstanceMemory odd(bytes + 64);
+  EXPECT_EQ(code(F::init(reinterpret_cast<typename F::Inst*>(odd.bytes() + 16), cfg)), -1001000);
 
-  qor::test::InstanceMemory odd(this->bytes + 64);
-  EXPECT_EQ(this->code(F::init(reinterpret_cast<typename F::Inst*>(odd.bytes() + 16), &this->config)),
-            -1001000);
-
-  ASSERT_EQ(this->code(F::release(inst)), 0);
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(this->code(F::process(inst, good)), -1002000));
+  ASSERT_EQ(code(F::release(inst)), 0);
+  EXPECT_NO_ALLOCATION(EXPECT_EQ(code(F::process(inst, good)), -1002000));
   EXPECT_EQ(audio[1][255], 1.5f);
-  EXPECT_EQ(this->code(F::get(inst, &p)), -1002000);
-  EXPECT_EQ(this->code(F::update(inst, &p)), -1002000);
-  EXPECT_EQ(this->code(F::flush(inst)), -1002000);
-  EXPECT_EQ(this->code(F::release(inst)), -1002000);
-  EXPECT_EQ(this->code(F::latency(inst, &latency)), -1002000);
+  EXPECT_EQ(code(F::get(inst, &p)), -1002000);
+  EXPECT_EQ(code(F::update(inst, &p)), -1002000);
+  EXPECT_EQ(code(F::flush(inst)), -1002000);
+  EXPECT_EQ(code(F::release(inst)), -1002000);
+  EXPECT_EQ(code(F::latency(inst, &latency)), -1002000);
   if constexpr (requires { F::points; }) {
     const typename F::Points* points = nullptr;
-    EXPECT_EQ(this->code(F::points(inst, &points)), -1002000);
+    EXPECT_EQ(code(F::points(inst, &points)), -1002000);
   }
-  EXPECT_EQ(this->code(F::init(inst, &this->config)), 0) << "a released instance starts again";
+  EXPECT_EQ(code(F::init(inst, cfg)), 0) << "a released instance starts again";
 }
 
 TYPED_TEST(DynamicsConventions, ConfigurationChecksInOrderAndAFailedInitLeavesNoInstance) {
@@ -293,34 +259,35 @@ TYPED_TEST(DynamicsConventions, ConfigurationChecksInOrderAndAFailedInitLeavesNo
     spoiled.spoil(c.parameters);  // checked after the header
     const int32_t expected = k.code == 0 ? spoiled.code : k.code;
     size_t size = 0;
-    EXPECT_EQ(this->code(F::size(&c, &size)), expected) << testing::PrintToString(k.header);
-    qor::test::InstanceMemory block(1 << 16);
-    auto* inst = block.as<typename F::Inst>();
-    EXPECT_EQ(this->code(F::init(inst, &c)), expected);
-    EXPECT_EQ(this->code(F::flush(inst)), -1002000) << "a failed Init leaves it uninitialised";
+    EXPECT_EQ(code(F::size(&c, &size)), expected) << testing::PrintToString(k.header);
+    InstanceMemory block(1 << 16);
+    EXPECT_EQ(code(F::init(block.as<typename F::Inst>(), &c)), expected);
+    EXPECT_EQ(code(F::flush(block.as<typename F::Inst>())), -1002000) << "a failed Init leaves it uninitialised";
   }
+}
+
+// Every parameter field as a float, for comparing records.
+template <class F>
+void expectSameFields(typename F::Params a, typename F::Params b) {
+  for (size_t i = 0; i < F::floats(a).size(); ++i) EXPECT_EQ(*F::floats(a)[i], *F::floats(b)[i]) << i;
 }
 
 TYPED_TEST(DynamicsConventions, EachParameterCheckHasItsCodeInOrderAndARefusalChangesNothing) {
   using F = TypeParam;
-  auto* twin = this->another();
   const auto cases = F::bad();
   for (size_t i = 0; i < cases.size(); ++i) {
     // Every later field is spoiled too, so the code shows this one is checked first.
-    typename F::Params p = this->config.parameters;
-    for (size_t j = cases.size(); j-- > i;) cases[j].spoil(p);
-    EXPECT_EQ(this->code(F::update(this->inst(), &p)), cases[i].code) << "case " << i;
     auto refused = this->config;
-    refused.parameters = p;
+    for (size_t j = cases.size(); j-- > i;) cases[j].spoil(refused.parameters);
+    EXPECT_EQ(code(F::update(this->main.inst(), &refused.parameters)), cases[i].code) << "case " << i;
     size_t size = 0;
-    EXPECT_EQ(this->code(F::size(&refused, &size)), cases[i].code);
+    EXPECT_EQ(code(F::size(&refused, &size)), cases[i].code);
   }
   typename F::Params now{};
-  ASSERT_EQ(this->code(F::get(this->inst(), &now)), 0);
-  typename F::Params before = this->config.parameters;
-  for (size_t i = 0; i < F::floats(now).size(); ++i) EXPECT_EQ(*F::floats(now)[i], *F::floats(before)[i]);
-  const Signal x = {qor::test::whiteNoise(4096, 5, 1.2), qor::test::whiteNoise(4096, 6, 0.01)};
-  EXPECT_EQ(this->run(this->inst(), x), this->run(twin, x)) << "refused updates left no trace";
+  ASSERT_EQ(code(F::get(this->main.inst(), &now)), 0);
+  expectSameFields<F>(now, this->config.parameters);
+  const Signal x = {whiteNoise(4096, 5, 1.2), whiteNoise(4096, 6, 0.01)};
+  EXPECT_EQ(this->main.run(x), this->make().run(x)) << "refused updates left no trace";
 }
 
 TYPED_TEST(DynamicsConventions, NanPassesEveryRangeCheck) {
@@ -328,43 +295,41 @@ TYPED_TEST(DynamicsConventions, NanPassesEveryRangeCheck) {
   for (size_t i = 0; i < F::floats(this->config.parameters).size(); ++i) {
     typename F::Params p = this->config.parameters;
     *F::floats(p)[i] = std::nanf("");
-    EXPECT_EQ(this->code(F::update(this->inst(), &p)), 0) << "field " << i;
+    EXPECT_EQ(code(F::update(this->main.inst(), &p)), 0) << "field " << i;
   }
 }
 
 TYPED_TEST(DynamicsConventions, ReportedLatencyIsFixedWhileTheDelayOfNoiseFollowsTheRate) {
   using F = TypeParam;
   // Between the gate threshold and the compressor thresholds, under the
-  // limiter's ceiling: every dynamic stage runs at unity gain.
-  const std::vector<float> x = qor::test::whiteNoise(256 * 64, 17, 0.1);
+  // limiter's ceiling: every dynamic stage runs at unity gain. The report is
+  // the delay at 48 kHz, the first entry.
+  const std::vector<float> x = whiteNoise(256 * 64, 17, 0.1);
   for (auto [rate, delay] : F::delays()) {
-    qor::test::Instance<F> instance(this->config.parameters, rate, 256, 2);
+    Instance<F> instance(this->config.parameters, rate, 256, 2);
     const Signal y = instance.run(Signal{x, x});
-    EXPECT_EQ(instance.latency(), F::kLatency) << rate;
-    EXPECT_EQ(qor::test::delayByCrossCorrelation(x, y[0], 1000), static_cast<int>(delay)) << rate;
+    EXPECT_EQ(instance.latency(), static_cast<int>(F::delays()[0][1])) << rate;
+    EXPECT_EQ(delayByCrossCorrelation(x, y[0], 1000), static_cast<int>(delay)) << rate;
     EXPECT_EQ(y[1], y[0]);
   }
 }
 
 TYPED_TEST(DynamicsConventions, FlushForgetsTheSignalButKeepsTheParameters) {
   using F = TypeParam;
-  auto* kept = this->another();
-  auto* fresh = this->another();
-  const Signal prime = {qor::test::whiteNoise(256 * 40, 1, 0.9), qor::test::whiteNoise(256 * 40, 2, 0.02)};
-  for (auto* i : {this->inst(), kept}) this->run(i, prime);
-  ASSERT_EQ(this->code(F::flush(this->inst())), 0);
-  const Signal x = {qor::test::whiteNoise(256 * 8, 8, 0.6), qor::test::whiteNoise(256 * 8, 9, 0.6)};
-  const Signal expected = this->run(fresh, x);
-  const Signal flushed = this->run(this->inst(), x);
+  Instance<F> kept = this->make(), fresh = this->make();
+  const Signal prime = {whiteNoise(256 * 40, 1, 0.9), whiteNoise(256 * 40, 2, 0.02)};
+  this->main.run(prime);
+  kept.run(prime);
+  ASSERT_EQ(code(F::flush(this->main.inst())), 0);
+  const Signal x = {whiteNoise(256 * 8, 8, 0.6), whiteNoise(256 * 8, 9, 0.6)};
+  const Signal expected = fresh.run(x), flushed = this->main.run(x);
   size_t first = 0;
   while (first < x[0].size() && flushed[0][first] == expected[0][first]) ++first;
   EXPECT_EQ(flushed, expected) << "first difference at " << first;
-  EXPECT_NE(this->run(kept, x), expected) << "without Flush the history shows";
+  EXPECT_NE(kept.run(x), expected) << "without Flush the history shows";
   typename F::Params now{};
-  ASSERT_EQ(this->code(F::get(this->inst(), &now)), 0);
-  for (size_t i = 0; i < F::floats(now).size(); ++i) {
-    EXPECT_EQ(*F::floats(now)[i], *F::floats(this->config.parameters)[i]);
-  }
+  ASSERT_EQ(code(F::get(this->main.inst(), &now)), 0);
+  expectSameFields<F>(now, this->config.parameters);
 }
 
 TYPED_TEST(DynamicsConventions, BypassCrossfadesToDryThenPassesUntouchedAndReturnsLikeNew) {
@@ -375,9 +340,9 @@ TYPED_TEST(DynamicsConventions, BypassCrossfadesToDryThenPassesUntouchedAndRetur
   on.crossfadeTime = 5.0f;
   off = on;
   off.enable = 0;
-  qor::test::Instance<F> d(on, 48000, 256, 2), wetOnly(on, 48000, 256, 2), fresh(off, 48000, 256, 2);
-  const Signal head = {qor::test::whiteNoise(256 * 20, 3, 1.5), qor::test::whiteNoise(256 * 20, 4, 1.5)};
-  const Signal x = {qor::test::whiteNoise(256, 5, 1.5), qor::test::whiteNoise(256, 6, 1.5)};
+  Instance<F> d(on, 48000, 256, 2), wetOnly(on, 48000, 256, 2), fresh(off, 48000, 256, 2);
+  const Signal head = {whiteNoise(256 * 20, 3, 1.5), whiteNoise(256 * 20, 4, 1.5)};
+  const Signal x = {whiteNoise(256, 5, 1.5), whiteNoise(256, 6, 1.5)};
   d.run(head);
   wetOnly.run(head);
   d.update(off);
@@ -385,7 +350,7 @@ TYPED_TEST(DynamicsConventions, BypassCrossfadesToDryThenPassesUntouchedAndRetur
   // The gating compressor holds its gains while it fades (its own tests
   // check that on a steady tone); the others keep processing.
   double m = 1.0;
-  for (size_t i = 0; i < 256 && !std::is_same_v<F, Gate>; ++i, m *= qor::test::fadeKeep(5.0)) {
+  for (size_t i = 0; i < 256 && !std::is_same_v<F, Gate>; ++i, m *= fadeKeep(5.0)) {
     ASSERT_NEAR(y[0][i], (1.0 - m) * x[0][i] + m * wet[0][i], 1e-4) << i;
   }
   EXPECT_EQ(d.latency(), 0);
