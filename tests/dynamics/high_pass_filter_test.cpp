@@ -16,20 +16,10 @@ using namespace qor::test;
 struct Calls {
   QOR_FAMILY_CALLS(HighPassFilter)
 };
-struct Filter : Instance<Calls> {
-  explicit Filter(uint32_t order, float cutoff, uint8_t enable = 1, float fade = 50.0f, uint32_t block = 256,
-                  uint32_t channels = 1, uint32_t rate = 48000)
-      : Instance({order, cutoff, enable, fade}, rate, block, channels) {}
-  void update(uint32_t order, float cutoff, uint8_t enable = 1, float fade = 50.0f) {
-    Instance::update({order, cutoff, enable, fade});
-  }
-  std::vector<float> run(const std::vector<float>& x, size_t from = 0, size_t blocks = 0) {
-    return Instance::run(slice(x, from, blocks));
-  }
-  static std::vector<float> slice(const std::vector<float>& x, size_t from, size_t blocks) {
-    return {x.begin() + from, blocks ? x.begin() + from + blocks * 256 : x.end()};
-  }
-};
+using Filter = Instance<Calls>;  // parameters: {order, cutoff, enable, crossfade ms}
+std::vector<float> slice(const std::vector<float>& x, size_t from, size_t blocks) {
+  return {x.begin() + from, x.begin() + from + blocks * 256};
+}
 
 // Transposed direct form II with double-precision coefficients of the
 // prewarped bilinear Butterworth high-pass.
@@ -59,10 +49,10 @@ class HighPassFilterResponse : public ::testing::TestWithParam<ResponseCase> {};
 TEST_P(HighPassFilterResponse, MatchesTheButterworthMagnitudeAroundTheCutoff) {
   const ResponseCase c = GetParam();
   for (const double f : {c.cutoff / 4.0, c.cutoff / 2.0, 1.0 * c.cutoff, c.cutoff * 2.0, c.cutoff * 4.0, 3000.0}) {
-    Filter filter(c.order, c.cutoff, 1, 50.0f, 256, 2, c.rate);
+    Filter filter({c.order, c.cutoff, 1, 50.0f}, c.rate, 256, 2);
     const size_t n = 2 * c.rate, from = n * 3 / 4;
     const std::vector<float> x = sine(f, c.rate, n, 0.5);
-    const Signal y = filter.Instance::run(onChannels(x, 2));
+    const Signal y = filter.run(onChannels(x, 2));
     const double gain = toneGainDb(x, y[0], f, from, 0, c.rate);
     EXPECT_NEAR(toneGainDb(x, y[1], f, from, 0, c.rate), gain, 1e-5) << "both channels alike";
     const double ratio = std::tan(kPi * c.cutoff / c.rate) / std::tan(kPi * f / c.rate);
@@ -81,8 +71,8 @@ INSTANTIATE_TEST_SUITE_P(OrdersRatesCutoffs, HighPassFilterResponse,
 // After `blocks` Process calls following a cutoff change, one impulse block
 // reveals the first-order section in use: h[0] = b0 = 1 / (1 + tan(pi fc / fs)).
 float cutoffInUseAfter(int blocks, float from, float to) {
-  Filter filter(1, from);
-  filter.update(1, to);
+  Filter filter({1, from, 1, 50.0f});
+  filter.update({1, to, 1, 50.0f});
   std::vector<float> x(256 * static_cast<size_t>(blocks), 0.0f);
   x[x.size() - 256] = 1.0f;
   return static_cast<float>(std::atan(1.0 / filter.run(x)[x.size() - 256] - 1.0) * 48000.0 / kPi);
@@ -105,13 +95,13 @@ TEST(HighPassFilterGlide, CutoffMovesTenPercentPerBlockAndSnapsWithinOneHertz) {
 }
 
 TEST(HighPassFilterState, OrderChangeRedesignsAtOnceKeepingTheStateAndBlockSizeDoesNotMatter) {
-  Filter filter(1, 100.0f);
+  Filter filter({1, 100.0f, 1, 50.0f});
   const std::vector<float> x = whiteNoise(512, 7, 0.5);
   ReferenceSection ref = ReferenceSection::highPass(1, 100.0), fresh = ReferenceSection::highPass(2, 100.0);
-  const std::vector<float> y1 = filter.run(x, 0, 1);
+  const std::vector<float> y1 = filter.run(slice(x, 0, 1));
   for (size_t i = 0; i < 256; ++i) ASSERT_NEAR(y1[i], ref.step(x[i]), 1e-5) << i;
-  filter.update(2, 100.0f);
-  const std::vector<float> y2 = filter.run(x, 256);
+  filter.update({2, 100.0f, 1, 50.0f});
+  const std::vector<float> y2 = filter.run(slice(x, 256, 1));
   ReferenceSection kept = fresh;
   kept.s1 = ref.s1, kept.s2 = ref.s2;
   double fromReset = 0;
@@ -122,28 +112,27 @@ TEST(HighPassFilterState, OrderChangeRedesignsAtOnceKeepingTheStateAndBlockSizeD
   EXPECT_GT(fromReset, 1e-2) << "a cleared state would have looked different";
 
   const Signal n = {whiteNoise(4096, 11, 0.5), whiteNoise(4096, 12, 0.5)};
-  const Signal a = Filter(2, 120.0f, 1, 50.0f, 64, 2).Instance::run(n);
-  const Signal b = Filter(2, 120.0f, 1, 50.0f, 1024, 2).Instance::run(n);
+  const Signal a = Filter({2, 120.0f, 1, 50.0f}, 48000, 64, 2).run(n);
+  const Signal b = Filter({2, 120.0f, 1, 50.0f}, 48000, 1024, 2).run(n);
   for (int c = 0; c < 2; ++c) {
     for (size_t i = 0; i < 4096; ++i) ASSERT_NEAR(a[c][i], b[c][i], 1e-6) << c << ":" << i;
   }
 }
 
-// A low tone the filter removes almost entirely, so dry and filtered differ.
-const std::vector<float> kLowTone = sine(30.0, 48000.0, 256 * 40, 0.5);
-
 TEST(HighPassFilterBypass, NewCrossfadeTimeWaitsForTheNextInit) {
-  Filter slow(2, 200.0f, 1, 50.0f), instant(2, 200.0f, 1, 0.0f);
-  slow.update(2, 200.0f, 0, 0.0f);
-  instant.update(2, 200.0f, 0, 0.0f);
-  EXPECT_GT(std::fabs(slow.run(kLowTone, 256, 1)[255] - kLowTone[511]), 0.01) << "still mostly filtered";
-  const std::vector<float> z = instant.run(kLowTone, 256, 1);
-  for (size_t i = 1; i < 256; ++i) ASSERT_EQ(z[i], kLowTone[256 + i]) << "dry from the second sample";
-  EXPECT_NE(z[0], kLowTone[256]) << "the first sample still uses the incoming mix";
+  // A low tone the filter removes almost entirely, so dry and filtered differ.
+  const std::vector<float> x = sine(30.0, 48000.0, 512, 0.5), block = slice(x, 256, 1);
+  Filter slow({2, 200.0f, 1, 50.0f}), instant({2, 200.0f, 1, 0.0f});
+  slow.update({2, 200.0f, 0, 0.0f});
+  instant.update({2, 200.0f, 0, 0.0f});
+  EXPECT_GT(std::fabs(slow.run(block)[255] - block[255]), 0.01) << "still mostly filtered";
+  const std::vector<float> z = instant.run(block);
+  for (size_t i = 1; i < 256; ++i) ASSERT_EQ(z[i], block[i]) << "dry from the second sample";
+  EXPECT_NE(z[0], block[0]) << "the first sample still uses the incoming mix";
 }
 
 TEST(HighPassFilterCalls, OnlyTheFirstTwoChannelPointersAreChecked) {
-  Filter mono(2, 100.0f), stereo(2, 100.0f, 1, 50.0f, 256, 2);
+  Filter mono({2, 100.0f, 1, 50.0f}), stereo({2, 100.0f, 1, 50.0f}, 48000, 256, 2);
   ChannelBuffers audio(2, 256);
   float* withNull[2] = {audio[0], nullptr};
   float* withOdd[2] = {audio[0], audio[1] + 4};
