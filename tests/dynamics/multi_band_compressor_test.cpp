@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <complex>
+#include <tuple>
 #include <vector>
 
 #include "block_runner.h"
@@ -44,35 +45,29 @@ struct Compressor : Instance<Calls> {
 };
 P defaults() { return defaultParameters<Calls>(); }
 
-struct ToneCase {
-  bool high;
-  float threshold, overDb, ratio, floor, expectedDb;
-};
-class MultiBandCompressorTone : public ::testing::TestWithParam<ToneCase> {};
-
 // A steady tone at a band's centre: the band-pass passes it at 0 dB, the
 // curve gives min(threshold - level, 0) (1 - 1/ratio) above the floor, and
 // at the centre the all-pass mix scales the tone by exactly that gain.
-TEST_P(MultiBandCompressorTone, SteadyToneAtCentreIsReducedByTheCurve) {
-  const ToneCase t = GetParam();
-  P p = defaults();
-  p.ratio = t.ratio;
-  (t.high ? p.highThreshold : p.lowThreshold) = t.threshold;
-  (t.high ? p.highGainFloor : p.lowGainFloor) = t.floor;
-  const double f = t.high ? p.highCrossoverFrequency : p.lowCrossoverFrequency;
-  Compressor c(p);
-  const std::vector<float> in = sine(f, kRate, 48128, std::pow(10.0, (t.threshold + t.overDb) / 20.0));
-  const std::vector<float> out = c.run(in);
-  EXPECT_NEAR(t.high ? c.highGainDb() : c.lowGainDb(), t.expectedDb, 0.05);
-  EXPECT_NEAR(t.high ? c.lowGainDb() : c.highGainDb(), 0.0, 0.01) << "the other band stays at unity";
-  EXPECT_NEAR(toneGainDb(in, out, f, 36000), t.expectedDb, 0.1);
+// {high band?, threshold, level over it, ratio, floor, gain}: the fifth is
+// held at the floor, the last is below the threshold.
+TEST(MultiBandCompressor, SteadyToneAtCentreIsReducedByTheCurve) {
+  for (auto [high, threshold, overDb, ratio, floor, expectedDb] :
+       {std::tuple{false, -20.0f, 10.0f, 4.0f, -20.0f, -7.5}, std::tuple{false, -30.0f, 12.0f, 2.0f, -20.0f, -6.0},
+        std::tuple{true, -20.0f, 10.0f, 4.0f, -20.0f, -7.5}, std::tuple{true, -35.0f, 8.0f, 10.0f, -60.0f, -7.2},
+        std::tuple{false, -40.0f, 40.0f, 4.0f, -6.0f, -6.0}, std::tuple{true, -20.0f, -6.0f, 4.0f, -20.0f, 0.0}}) {
+    P p = defaults();
+    p.ratio = ratio;
+    (high ? p.highThreshold : p.lowThreshold) = threshold;
+    (high ? p.highGainFloor : p.lowGainFloor) = floor;
+    const double f = high ? p.highCrossoverFrequency : p.lowCrossoverFrequency;
+    Compressor c(p);
+    const std::vector<float> in = sine(f, kRate, 48128, std::pow(10.0, (threshold + overDb) / 20.0));
+    const std::vector<float> out = c.run(in);
+    EXPECT_NEAR(high ? c.highGainDb() : c.lowGainDb(), expectedDb, 0.05) << threshold;
+    EXPECT_NEAR(high ? c.lowGainDb() : c.highGainDb(), 0.0, 0.01) << "the other band stays at unity";
+    EXPECT_NEAR(toneGainDb(in, out, f, 36000), expectedDb, 0.1) << threshold;
+  }
 }
-
-// The fifth case is held at the floor, the last is below the threshold.
-INSTANTIATE_TEST_SUITE_P(Curve, MultiBandCompressorTone,
-                         ::testing::Values(ToneCase{false, -20, 10, 4, -20, -7.5f}, ToneCase{false, -30, 12, 2, -20, -6},
-                                           ToneCase{true, -20, 10, 4, -20, -7.5f}, ToneCase{true, -35, 8, 10, -60, -7.2f},
-                                           ToneCase{false, -40, 40, 4, -6, -6}, ToneCase{true, -20, -6, 4, -20, 0}));
 
 TEST(MultiBandCompressor, GainShapesOnlyTheBandAroundItsCentreOnBothChannels) {
   // A loud tone at the low centre on the left sets the gain; quiet probes
