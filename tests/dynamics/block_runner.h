@@ -45,22 +45,18 @@ inline double toneGainDb(const std::vector<float>& x, const std::vector<float>& 
 inline double fadeKeep(double ms, double rate = 48000.0) { return std::pow(1e-5, 1.0 / (ms * 0.001 * rate)); }
 
 // The calls of family N as static members, for the helpers below.
-#define QOR_FAMILY_CALLS(N)                                      \
-  using Config = Qor##N##Config;                                 \
-  using Params = Qor##N##Parameters;                             \
-  using Inst = Qor##N##Inst;                                     \
-  static constexpr auto size = qor##N##GetInstanceSize;          \
-  static constexpr auto init = qor##N##Init;                     \
-  static constexpr auto defaults = qor##N##GetDefaultParameters; \
-  static constexpr auto get = qor##N##GetParameters;             \
-  static constexpr auto update = qor##N##UpdateParameters;       \
-  static constexpr auto process = qor##N##Process;               \
-  static constexpr auto flush = qor##N##Flush;                   \
-  static constexpr auto release = qor##N##Release;               \
+#define QOR_FAMILY_CALLS(N)                                                                            \
+  using Config = Qor##N##Config;                                                                       \
+  using Params = Qor##N##Parameters;                                                                   \
+  using Inst = Qor##N##Inst;                                                                           \
+  static constexpr auto size = qor##N##GetInstanceSize, init = qor##N##Init;                           \
+  static constexpr auto defaults = qor##N##GetDefaultParameters, get = qor##N##GetParameters;          \
+  static constexpr auto update = qor##N##UpdateParameters, process = qor##N##Process;                  \
+  static constexpr auto flush = qor##N##Flush, release = qor##N##Release;                              \
   static constexpr auto latency = qor##N##GetCurrentLatency;
-#define QOR_METERED_CALLS(N)                 \
-  QOR_FAMILY_CALLS(N)                        \
-  using Points = Qor##N##MeteringPoints;     \
+#define QOR_METERED_CALLS(N) \
+  QOR_FAMILY_CALLS(N)        \
+  using Points = Qor##N##MeteringPoints; \
   static constexpr auto points = qor##N##GetMeteringPoints;
 
 inline int32_t code(auto rc) { return static_cast<int32_t>(rc); }
@@ -78,10 +74,8 @@ struct Instance {
   using Params = typename C::Params;
   explicit Instance(Params p = defaultParameters<C>(), uint32_t rate = 48000, uint32_t block = 256,
                     uint32_t channels = 1, uint8_t metering = 1) {
-    config.inputSampleRate = config.outputSampleRate = rate;
-    config.inputBlockSize = config.outputBlockSize = block;
-    config.inputChannels = config.outputChannels = channels;
-    config.parameters = p;
+    config.inputSampleRate = config.outputSampleRate = rate, config.parameters = p;
+    config.inputBlockSize = config.outputBlockSize = block, config.inputChannels = config.outputChannels = channels;
     if constexpr (requires { config.meteringEnabled; }) config.meteringEnabled = metering;
     size_t size = 0;
     EXPECT_EQ(code(C::size(&config, &size)), 0);

@@ -60,10 +60,8 @@ std::vector<BadField<typename F::Params>> outOfRange(std::vector<std::array<floa
   return cases;
 }
 
-#define FAMILY_CALLS(N, CALLS) CALLS(N)
-
 struct HighPass {
-  FAMILY_CALLS(HighPassFilter, QOR_FAMILY_CALLS)
+  QOR_FAMILY_CALLS(HighPassFilter)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
   static std::vector<float*> floats(Params& p) { return {&p.cutoffFrequency, &p.crossfadeTime}; }
   static std::vector<BadField<Params>> bad() {
@@ -86,7 +84,7 @@ struct HighPass {
 };
 
 struct Gate {
-  FAMILY_CALLS(GatingCompressor, QOR_METERED_CALLS)
+  QOR_METERED_CALLS(GatingCompressor)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 256}, {96000, 512}}; }
   static std::vector<float*> floats(Params& p) {
     return {&p.gateThreshold,        &p.gateFloor,        &p.gateAttack,          &p.gateRelease,
@@ -112,7 +110,7 @@ struct Gate {
 };
 
 struct Limiter {
-  FAMILY_CALLS(HardLimiter, QOR_METERED_CALLS)
+  QOR_METERED_CALLS(HardLimiter)
   static std::vector<std::array<uint32_t, 2>> delays() {
     return {{48000, 128}, {44100, 128}, {96000, 256}, {192000, 512}};
   }
@@ -134,7 +132,7 @@ struct Limiter {
 };
 
 struct Equaliser {
-  FAMILY_CALLS(MultiBandEqualiser, QOR_FAMILY_CALLS)
+  QOR_FAMILY_CALLS(MultiBandEqualiser)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
   static void colour(Params& p) { p.band1Gain = 6.0f, p.highPassOrder = 2; }
   static std::vector<float*> floats(Params& p) {
@@ -159,7 +157,7 @@ struct Equaliser {
 };
 
 struct MultiBand {
-  FAMILY_CALLS(MultiBandCompressor, QOR_METERED_CALLS)
+  QOR_METERED_CALLS(MultiBandCompressor)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 128}, {96000, 256}}; }
   static std::vector<float*> floats(Params& p) {
     return {&p.lowThreshold, &p.highThreshold, &p.lowCrossoverFrequency, &p.lowCrossoverQ, &p.lowGainFloor,

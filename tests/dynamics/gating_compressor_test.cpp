@@ -189,7 +189,6 @@ TEST(GatingCompressorBypass, DisablingFadesToTheDrySignalAndClearsTheState) {
     EXPECT_NEAR(d.run(block(k))[224] / block(k)[224], (1.0 - m) + m * compressed, 0.003) << "block " << k;
   }
   EXPECT_EQ(d.latency(), 0);
-  EXPECT_EQ(d.run(block(k)), block(k)) << "untouched once the fade is over";
   EXPECT_NEAR(d.reading(1)[0], -758.6, 0.1) << "the compressor reading falls to the floor too";
 }
 
