@@ -45,32 +45,40 @@ void setHeader(Config& c, const std::array<uint32_t, 6>& h) {
 }
 constexpr int32_t kRate = -1003001, kBlock = -1003002, kChannels = -1003003, kOutChannels = -1003004;
 
+// A float parameter, its range, and how far past the top a refused value sits.
+struct Field {
+  float* value;
+  float low, high, above = 0.01f;
+};
+
 // Each float field in validation order: one value below and one above its
 // range. Codes run from -1005000 unless listed.
 template <class F>
-std::vector<BadField<typename F::Params>> outOfRange(std::vector<std::array<float, 2>> bounds,
-                                                     std::vector<int32_t> codes = {}, float above = 0.01f) {
+std::vector<BadField<typename F::Params>> outOfRange(std::vector<int32_t> codes = {}) {
+  typename F::Params d{};
+  const std::vector<Field> fields = F::fields(d);
   std::vector<BadField<typename F::Params>> cases;
-  for (int i = 0; i < static_cast<int>(bounds.size()); ++i) {
-    const int32_t code = codes.empty() ? -1005000 - i : codes[i];
-    for (const float v : {bounds[i][0] - 0.01f, bounds[i][1] + above}) {
-      cases.push_back({[i, v](typename F::Params& p) { *F::floats(p)[i] = v; }, code});
+  for (int i = 0; i < static_cast<int>(fields.size()); ++i) {
+    for (const float v : {fields[i].low - 0.01f, fields[i].high + fields[i].above}) {
+      cases.push_back({[i, v](auto& p) { *F::fields(p)[i].value = v; }, codes.empty() ? -1005000 - i : codes[i]});
     }
   }
   return cases;
+}
+template <class F>
+auto bad() {
+  if constexpr (requires { F::bad(); }) return F::bad();
+  else return outOfRange<F>();
 }
 
 struct HighPass {
   QOR_FAMILY_CALLS(HighPassFilter)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
-  static std::vector<float*> floats(Params& p) { return {&p.cutoffFrequency, &p.crossfadeTime}; }
+  static std::vector<Field> fields(Params& p) { return {{&p.cutoffFrequency, 20, 400}, {&p.crossfadeTime, 0, 500, 0.5f}}; }
   static std::vector<BadField<Params>> bad() {
-    return {{[](Params& p) { p.order = 0; }, -1005000},
-            {[](Params& p) { p.order = 3; }, -1005000},
-            {[](Params& p) { p.cutoffFrequency = 19.99f; }, -1005001},
-            {[](Params& p) { p.cutoffFrequency = 400.01f; }, -1005001},
-            {[](Params& p) { p.crossfadeTime = -0.01f; }, -1005002},
-            {[](Params& p) { p.crossfadeTime = 500.5f; }, -1005002}};
+    auto cases = outOfRange<HighPass>({-1005001, -1005002});
+    cases.insert(cases.begin(), {{[](Params& p) { p.order = 0; }, -1005000}, {[](Params& p) { p.order = 3; }, -1005000}});
+    return cases;
   }
   // Only the input half is checked; the block size before the parameters.
   static std::vector<ConfigCase> configs() {
@@ -86,14 +94,11 @@ struct HighPass {
 struct Gate {
   QOR_METERED_CALLS(GatingCompressor)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 256}, {96000, 512}}; }
-  static std::vector<float*> floats(Params& p) {
-    return {&p.gateThreshold,        &p.gateFloor,        &p.gateAttack,          &p.gateRelease,
-            &p.gateHold,             &p.compressorThreshold, &p.compressorRatio, &p.compressorInputGain,
-            &p.compressorMakeupGain, &p.compressorAttack, &p.compressorRelease,   &p.crossfadeTime};
-  }
-  static std::vector<BadField<Params>> bad() {
-    return outOfRange<Gate>({{-80, -6}, {-60, 0}, {0, 200}, {50, 1000}, {0, 200}, {-40, 0}, {1, 20},
-                             {-12, 12}, {-12, 12}, {0, 200}, {50, 1000}, {0, 250}});
+  static std::vector<Field> fields(Params& p) {
+    return {{&p.gateThreshold, -80, -6},        {&p.gateFloor, -60, 0},         {&p.gateAttack, 0, 200},
+            {&p.gateRelease, 50, 1000},         {&p.gateHold, 0, 200},          {&p.compressorThreshold, -40, 0},
+            {&p.compressorRatio, 1, 20},        {&p.compressorInputGain, -12, 12}, {&p.compressorMakeupGain, -12, 12},
+            {&p.compressorAttack, 0, 200},      {&p.compressorRelease, 50, 1000}, {&p.crossfadeTime, 0, 250}};
   }
   static std::vector<ConfigCase> configs() {
     std::vector<ConfigCase> cases{
@@ -116,11 +121,9 @@ struct Limiter {
   }
   // An input gain, so Flush must also restart its glide from unity.
   static void colour(Params& p) { p.inputGain = 6.0f; }
-  static std::vector<float*> floats(Params& p) {
-    return {&p.attack, &p.release, &p.inputGain, &p.crossfadeTime};
-  }
-  static std::vector<BadField<Params>> bad() {
-    return outOfRange<Limiter>({{0, 10}, {10, 500}, {-20, 20}, {0, 250}}, {}, 0.5f);
+  static std::vector<Field> fields(Params& p) {
+    return {{&p.attack, 0, 10, 0.5f}, {&p.release, 10, 500, 0.5f}, {&p.inputGain, -20, 20, 0.5f},
+            {&p.crossfadeTime, 0, 250, 0.5f}};
   }
   static std::vector<ConfigCase> configs() {
     return {{{44100, 256, 2, 44100, 256, 2}, 0},       {{50000, 256, 2, 50000, 256, 2}, 0},
@@ -135,17 +138,16 @@ struct Equaliser {
   QOR_FAMILY_CALLS(MultiBandEqualiser)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 0}}; }
   static void colour(Params& p) { p.band1Gain = 6.0f, p.highPassOrder = 2; }
-  static std::vector<float*> floats(Params& p) {
-    return {&p.highPassFrequency, &p.band1Frequency, &p.band1Q,      &p.band1Gain,
-            &p.band2Frequency,    &p.band2Q,         &p.band2Gain,   &p.band3Frequency,
-            &p.band3Q,            &p.band3Gain,      &p.lowPassFrequency, &p.crossfadeTime};
+  static std::vector<Field> fields(Params& p) {
+    return {{&p.highPassFrequency, 5, 500}, {&p.band1Frequency, 5, 500},    {&p.band1Q, 0.5f, 10},
+            {&p.band1Gain, -12, 12},        {&p.band2Frequency, 400, 5000}, {&p.band2Q, 0.5f, 10},
+            {&p.band2Gain, -12, 12},        {&p.band3Frequency, 1000, 12000}, {&p.band3Q, 0.5f, 10},
+            {&p.band3Gain, -12, 12},        {&p.lowPassFrequency, 1000, 20000}, {&p.crossfadeTime, 0, 250}};
   }
   // The two orders own -1005001 and -1005012 but are not checked.
   static std::vector<BadField<Params>> bad() {
-    return outOfRange<Equaliser>({{5, 500}, {5, 500}, {0.5f, 10}, {-12, 12}, {400, 5000}, {0.5f, 10},
-                                  {-12, 12}, {1000, 12000}, {0.5f, 10}, {-12, 12}, {1000, 20000}, {0, 250}},
-                                 {-1005000, -1005002, -1005003, -1005004, -1005005, -1005006, -1005007,
-                                  -1005008, -1005009, -1005010, -1005011, -1005013});
+    return outOfRange<Equaliser>({-1005000, -1005002, -1005003, -1005004, -1005005, -1005006, -1005007, -1005008,
+                                  -1005009, -1005010, -1005011, -1005013});
   }
   static std::vector<ConfigCase> configs() {
     return {{{44100, 128, 5, 44100, 128, 5}, 0},        {{48000, 4096, 1, 48000, 4096, 1}, 0},
@@ -159,15 +161,12 @@ struct Equaliser {
 struct MultiBand {
   QOR_METERED_CALLS(MultiBandCompressor)
   static std::vector<std::array<uint32_t, 2>> delays() { return {{48000, 128}, {96000, 256}}; }
-  static std::vector<float*> floats(Params& p) {
-    return {&p.lowThreshold, &p.highThreshold, &p.lowCrossoverFrequency, &p.lowCrossoverQ, &p.lowGainFloor,
-            &p.highCrossoverFrequency, &p.highCrossoverQ, &p.highGainFloor, &p.lowAttack, &p.ratio,
-            &p.lowRelease, &p.highAttack, &p.highRelease, &p.crossfadeTime};
-  }
-  static std::vector<BadField<Params>> bad() {
-    return outOfRange<MultiBand>({{-50, 0}, {-50, 0}, {60, 1000}, {0.25f, 20}, {-60, 0}, {1000, 10000},
-                                  {0.25f, 20}, {-60, 0}, {0, 200}, {1, 20}, {20, 1000}, {0, 200},
-                                  {20, 1000}, {0, 250}});
+  static std::vector<Field> fields(Params& p) {
+    return {{&p.lowThreshold, -50, 0},      {&p.highThreshold, -50, 0},  {&p.lowCrossoverFrequency, 60, 1000},
+            {&p.lowCrossoverQ, 0.25f, 20},  {&p.lowGainFloor, -60, 0},   {&p.highCrossoverFrequency, 1000, 10000},
+            {&p.highCrossoverQ, 0.25f, 20}, {&p.highGainFloor, -60, 0},  {&p.lowAttack, 0, 200},
+            {&p.ratio, 1, 20},              {&p.lowRelease, 20, 1000},   {&p.highAttack, 0, 200},
+            {&p.highRelease, 20, 1000},     {&p.crossfadeTime, 0, 250}};
   }
   static std::vector<ConfigCase> configs() {
     return {{{44100, 128, 1, 44100, 128, 1}, 0},        {{192000, 4096, 2, 192000, 4096, 2}, 0},
@@ -250,7 +249,7 @@ TYPED_TEST(DynamicsConventions, ArgumentChecksInOrderAndTheLifecycle) {
 
 TYPED_TEST(DynamicsConventions, ConfigurationChecksInOrderAndAFailedInitLeavesNoInstance) {
   using F = TypeParam;
-  const auto spoiled = F::bad().front();
+  const auto spoiled = bad<F>().front();
   for (const ConfigCase& k : F::configs()) {
     auto c = this->config;
     setHeader(c, k.header);
@@ -267,12 +266,12 @@ TYPED_TEST(DynamicsConventions, ConfigurationChecksInOrderAndAFailedInitLeavesNo
 // Every parameter field as a float, for comparing records.
 template <class F>
 void expectSameFields(typename F::Params a, typename F::Params b) {
-  for (size_t i = 0; i < F::floats(a).size(); ++i) EXPECT_EQ(*F::floats(a)[i], *F::floats(b)[i]) << i;
+  for (size_t i = 0; i < F::fields(a).size(); ++i) EXPECT_EQ(*F::fields(a)[i].value, *F::fields(b)[i].value) << i;
 }
 
 TYPED_TEST(DynamicsConventions, EachParameterCheckHasItsCodeInOrderAndARefusalChangesNothing) {
   using F = TypeParam;
-  const auto cases = F::bad();
+  const auto cases = bad<F>();
   for (size_t i = 0; i < cases.size(); ++i) {
     // Every later field is spoiled too, so the code shows this one is checked first.
     auto refused = this->config;
@@ -290,9 +289,9 @@ TYPED_TEST(DynamicsConventions, EachParameterCheckHasItsCodeInOrderAndARefusalCh
 
 TYPED_TEST(DynamicsConventions, NanPassesEveryRangeCheck) {
   using F = TypeParam;
-  for (size_t i = 0; i < F::floats(this->config.parameters).size(); ++i) {
+  for (size_t i = 0; i < F::fields(this->config.parameters).size(); ++i) {
     typename F::Params p = this->config.parameters;
-    *F::floats(p)[i] = std::nanf("");
+    *F::fields(p)[i].value = std::nanf("");
     EXPECT_EQ(code(F::update(this->main.inst(), &p)), 0) << "field " << i;
   }
 }
