@@ -209,16 +209,14 @@ TYPED_TEST(DynamicsConventions, ArgumentChecksInOrderAndTheLifecycle) {
   float* good[2] = {audio[0], audio[1]};
   float* shifted[2] = {audio[0], audio[1] + 4};  // 16- but not 32-byte aligned
 
-  EXPECT_EQ(code(F::size(nullptr, &bytes)), -1003000);
-  EXPECT_EQ(code(F::size(cfg, nullptr)), -1003000);
-  EXPECT_EQ(code(F::init(nullptr, cfg)), -1003000);
-  EXPECT_EQ(code(F::init(inst, nullptr)), -1003000);
+  // Null pointers, in the order the calls are listed.
+  const int32_t nulls[] = {code(F::size(nullptr, &bytes)), code(F::size(cfg, nullptr)),
+                           code(F::init(nullptr, cfg)),     code(F::init(inst, nullptr)),
+                           code(F::defaults(nullptr)),      code(F::get(inst, nullptr)),
+                           code(F::update(nullptr, &p)),    code(F::latency(inst, nullptr)),
+                           code(F::process(inst, nullptr))};
+  for (size_t i = 0; i < std::size(nulls); ++i) EXPECT_EQ(nulls[i], -1003000) << "call " << i;
   EXPECT_EQ(code(F::init(inst, cfg)), -1002001);
-  EXPECT_EQ(code(F::defaults(nullptr)), -1003000);
-  EXPECT_EQ(code(F::get(inst, nullptr)), -1003000);
-  EXPECT_EQ(code(F::update(nullptr, &p)), -1003000);
-  EXPECT_EQ(code(F::latency(inst, nullptr)), -1003000);
-  EXPECT_EQ(code(F::process(inst, nullptr)), -1003000);
   if constexpr (requires { F::points; }) {
     EXPECT_EQ(code(F::points(inst, nullptr)), -1003000);
     Instance<F> unmetered(cfg->parameters, 48000, 256, 2, 0);
@@ -235,11 +233,9 @@ TYPED_TEST(DynamicsConventions, ArgumentChecksInOrderAndTheLifecycle) {
   ASSERT_EQ(code(F::release(inst)), 0);
   EXPECT_NO_ALLOCATION(EXPECT_EQ(code(F::process(inst, good)), -1002000));
   EXPECT_EQ(audio[1][255], 1.5f);
-  EXPECT_EQ(code(F::get(inst, &p)), -1002000);
-  EXPECT_EQ(code(F::update(inst, &p)), -1002000);
-  EXPECT_EQ(code(F::flush(inst)), -1002000);
-  EXPECT_EQ(code(F::release(inst)), -1002000);
-  EXPECT_EQ(code(F::latency(inst, &latency)), -1002000);
+  const int32_t released[] = {code(F::get(inst, &p)), code(F::update(inst, &p)), code(F::flush(inst)),
+                              code(F::release(inst)), code(F::latency(inst, &latency))};
+  for (size_t i = 0; i < std::size(released); ++i) EXPECT_EQ(released[i], -1002000) << "call " << i;
   if constexpr (requires { F::points; }) {
     const typename F::Points* points = nullptr;
     EXPECT_EQ(code(F::points(inst, &points)), -1002000);
