@@ -1,12 +1,11 @@
 // Calling conventions shared by the five dynamics families: argument checks,
 // lifecycle, configuration and parameter codes in order, refused updates,
-// Flush, and the latency each reports against the delay measured on noise.
+// Flush, bypass, and the latency each reports against the delay of noise.
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
 #include <functional>
-#include <memory>
 #include <type_traits>
 #include <vector>
 

@@ -19,9 +19,9 @@ struct Calls {
   QOR_METERED_CALLS(HardLimiter)
 };
 using Limiter = Instance<Calls>;
-P with(float attack, float release, float inputGain, float fade = 50.5f) {
+P with(float attack, float release, float inputGain) {
   P p = defaultParameters<Calls>();
-  p.attack = attack, p.release = release, p.inputGain = inputGain, p.crossfadeTime = fade;
+  p.attack = attack, p.release = release, p.inputGain = inputGain;
   return p;
 }
 
@@ -54,8 +54,9 @@ TEST(HardLimiterLevels, QuietPassesAtUnityDelayedAndInputGainComesBeforeTheCeili
 }
 
 // Limiter model in double precision: the shared level detector, then the
-// three followers and the smoothed input gain written out directly. Returns
-// the gain at the first sample of every output sub-block.
+// three followers and the smoothed input gain (applied before the ceiling)
+// written out directly. Returns the gain at the first sample of every output
+// sub-block.
 std::vector<double> modelStartGains(const std::vector<float>& x, const P& p) {
   auto tc = [](double ms) { return ms > 0 ? 1.0 - std::exp(-1.0 / (1.5 * ms)) : 1.0; };
   const double a1 = tc(p.attack), b1 = tc(p.release * 0.2), a2 = tc(p.attack * 5.0), b2 = tc(p.release);
