@@ -36,9 +36,7 @@ class Fft {
  public:
   // kernel < 0 keeps the one fftInit picked.
   explicit Fft(uint32_t n, int kernel = -1)
-      : n_(n),
-        setupBytes_(qor::fftSetupSize(n)),
-        scratchBytes_(qor::fftScratchSize(n)),
+      : n_(n), setupBytes_(qor::fftSetupSize(n)), scratchBytes_(qor::fftScratchSize(n)),
         setupMemory_(qor::test::alignedBlock(setupBytes_ + 64)),
         scratchMemory_(qor::test::alignedBlock(kScratchOffset + scratchBytes_ + 64)) {
     std::memset(setupMemory_.get() + setupBytes_, kGuard, 64);
@@ -83,10 +81,7 @@ class Fft {
 Reference referenceDft(const std::vector<float>& x) {
   const size_t n = x.size();
   std::vector<double> c(n), s(n);
-  for (size_t i = 0; i < n; ++i) {
-    c[i] = std::cos(kTwoPi * static_cast<double>(i) / static_cast<double>(n));
-    s[i] = std::sin(kTwoPi * static_cast<double>(i) / static_cast<double>(n));
-  }
+  for (size_t i = 0; i < n; ++i) c[i] = std::cos(kTwoPi * i / n), s[i] = std::sin(kTwoPi * i / n);
   Reference out(n / 2 + 1, {0.0, 0.0});
   for (size_t k = 0; k <= n / 2; ++k) {
     for (size_t t = 0; t < n; ++t) {
@@ -117,9 +112,7 @@ std::vector<std::vector<float>> signalsFor(uint32_t n, uint32_t seed) {
   out[2][n - 3] = -0.5f;
   const double sines[3][2] = {{1.0, 0.3}, {n / 4.0 + 0.37, 1.1}, {n / 2.0 - 1.0, 0.0}};
   for (size_t i = 0; i < 3; ++i) {
-    for (size_t t = 0; t < n; ++t) {
-      out[3 + i][t] = static_cast<float>(0.7 * std::sin(kTwoPi * sines[i][0] * t / n + sines[i][1]));
-    }
+    for (size_t t = 0; t < n; ++t) out[3 + i][t] = static_cast<float>(0.7 * std::sin(kTwoPi * sines[i][0] * t / n + sines[i][1]));
   }
   return out;
 }
@@ -168,14 +161,12 @@ TEST_P(RealFftSize, MatchesReferencesAndRoundTrips) {
 
 std::string sizeAndKernel(const ::testing::TestParamInfo<RealFftSize::ParamType>& info) {
   char name[32];
-  std::snprintf(name, sizeof name, "N%u_%dlanes", static_cast<unsigned>(std::get<0>(info.param)),
-                std::get<1>(info.param) == qor::kFftKernel8 ? 8 : 4);
+  std::snprintf(name, sizeof name, "N%u_%dlanes", std::get<0>(info.param), std::get<1>(info.param) == qor::kFftKernel8 ? 8 : 4);
   return name;
 }
 
 INSTANTIATE_TEST_SUITE_P(PowersOfTwo, RealFftSize,
-                         ::testing::Combine(::testing::Values(8u, 16u, 32u, 64u, 128u, 256u, 512u,
-                                                              1024u, 2048u, 4096u),
+                         ::testing::Combine(::testing::Values(8u, 16u, 32u, 64u, 128u, 256u, 512u, 1024u, 2048u, 4096u),
                                             ::testing::Values(qor::kFftKernel4, qor::kFftKernel8)),
                          sizeAndKernel);
 // The direct path has no vector kernels.
