@@ -19,20 +19,17 @@ using Signals = std::vector<std::vector<float>>;
 // inverse transform, overlap-add: an unchanged spectrum.
 class IdentityDriver {
  public:
-  IdentityDriver(uint32_t channels, uint32_t frameLength) : n_(frameLength) {
+  IdentityDriver(uint32_t channels, uint32_t n)
+      : setup_(qor::test::alignedBlock(qor::fftSetupSize(n))), scratch_(qor::test::alignedBlock(qor::fftScratchSize(n))),
+        time_(n), re_(n / 2 + 1), im_(n / 2 + 1) {
     qor::InstanceLayout counting(nullptr);
     qor::frameDriverLayOut(counting, nullptr, channels);
     memory_ = std::make_unique<qor::test::InstanceMemory>(counting.size());
     qor::InstanceLayout placing(memory_->bytes());
     qor::frameDriverLayOut(placing, &driver_, channels);
     EXPECT_EQ(placing.size(), counting.size());
-    setup_ = qor::test::alignedBlock(qor::fftSetupSize(n_));
-    scratch_ = qor::test::alignedBlock(qor::fftScratchSize(n_));
-    EXPECT_EQ(qor::fftInit(fft(), n_), 0);
-    time_.resize(n_);
-    re_.resize(n_ / 2 + 1);
-    im_.resize(n_ / 2 + 1);
-    qor::frameDriverInit(driver_, n_, &IdentityDriver::frame, this);
+    EXPECT_EQ(qor::fftInit(fft(), n), 0);
+    qor::frameDriverInit(driver_, n, &IdentityDriver::frame, this);
   }
   qor::SpectralFrameDriver& driver() { return driver_; }
   int frames = 0;
@@ -66,7 +63,6 @@ class IdentityDriver {
     qor::frameDriverSynthesise(self.driver_, self.time_.data(), out);
   }
 
-  uint32_t n_;
   qor::SpectralFrameDriver driver_{};
   std::unique_ptr<qor::test::InstanceMemory> memory_;
   std::unique_ptr<unsigned char, qor::test::AlignedFree> setup_, scratch_;
