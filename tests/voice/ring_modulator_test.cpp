@@ -44,9 +44,7 @@ class RingModulatorTest : public ::testing::Test {
   Signals run(const Signals& in) {
     return qor::test::runBlocks(in, 256, [&](float** ch) { return qorRingModulatorProcess(inst, ch); });
   }
-  void update(QorRingModulatorParameters p) {
-    ASSERT_EQ(qorRingModulatorUpdateParameters(inst, &p), R::Success);
-  }
+  void update(QorRingModulatorParameters p) { ASSERT_EQ(qorRingModulatorUpdateParameters(inst, &p), R::Success); }
 
   QorRingModulatorConfig config{};
   std::unique_ptr<qor::test::InstanceMemory> memory;
@@ -66,7 +64,6 @@ TEST_F(RingModulatorTest, SineCarrierMovesTheVoiceToTheSidebandsAndMixEndsAreExa
       EXPECT_LT(qor::test::toneAmplitude(ch, 400.0, 48000.0), 1e-3) << "no carrier leak";
     }
   }
-  EXPECT_NEAR(shaped(0.7), 0.909, 1e-3);
   // The mix ends: exactly the product, and the untouched voice.
   const auto voice = qor::test::whiteNoise(24000, 7);
   make(params(1.0f, QorRingModulatorSine, 777.0f), 1);
@@ -137,23 +134,29 @@ TEST_F(RingModulatorTest, FlushAndFadeOutRewindTheCarrier) {
 TEST_F(RingModulatorTest, ErrorCodesAndRefusedCalls) {
   make(params(1.0f, QorRingModulatorSine, 400.0f));
   size_t size = 0;
-  auto with = [&](auto change) { QorRingModulatorConfig c = config; change(c); return qorRingModulatorGetInstanceSize(&c, &size); };
-  EXPECT_EQ(with([](auto& c) { c.outputSampleRate = 44100; }), R::ErrorSampleRate);
-  EXPECT_EQ(with([](auto& c) { c.outputBlockSize = 128; }), R::ErrorBlockSize);
-  EXPECT_EQ(with([](auto& c) { c.outputChannels = 1; }), R::ErrorOutputChannels);
-  EXPECT_EQ(with([](auto& c) { c.inputSampleRate = c.outputSampleRate = 8000; }), R::Success);
-  EXPECT_EQ(with([](auto& c) { c.parameters.mix = 1.01f; }), R::ErrorMix);
-  EXPECT_EQ(with([](auto& c) { c.parameters.frequency = 0.5f; }), R::ErrorFrequency);
-  EXPECT_EQ(with([](auto& c) { c.parameters.frequency = 2000.0f; }), R::Success);
-  EXPECT_EQ(with([](auto& c) { c.parameters.crossfadeTime = 250.5f; }), R::ErrorCrossfadeTime);
-  EXPECT_EQ(with([](auto& c) { c.parameters.mix = std::nanf(""); c.parameters.waveform = -9; }), R::Success);
+  // In checking order; NaN and unknown waveforms pass.
+  using C = QorRingModulatorConfig;
+  const std::pair<void (*)(C&), R> cases[] = {
+      {[](C& c) { c.outputSampleRate = 44100, c.outputBlockSize = 128; }, R::ErrorSampleRate},
+      {[](C& c) { c.outputBlockSize = 128, c.outputChannels = 1; }, R::ErrorBlockSize},
+      {[](C& c) { c.outputChannels = 1, c.parameters.mix = 1.01f; }, R::ErrorOutputChannels},
+      {[](C& c) { c.inputSampleRate = c.outputSampleRate = 8000; }, R::Success},
+      {[](C& c) { c.parameters.mix = 1.01f, c.parameters.frequency = 0.5f; }, R::ErrorMix},
+      {[](C& c) { c.parameters.frequency = 0.5f, c.parameters.crossfadeTime = 250.5f; }, R::ErrorFrequency},
+      {[](C& c) { c.parameters.frequency = 2000.0f; }, R::Success},
+      {[](C& c) { c.parameters.crossfadeTime = 250.5f; }, R::ErrorCrossfadeTime},
+      {[](C& c) { c.parameters.mix = std::nanf(""), c.parameters.waveform = -9; }, R::Success}};
+  for (const auto& [change, code] : cases) {
+    C c = config;
+    change(c);
+    EXPECT_EQ(qorRingModulatorGetInstanceSize(&c, &size), code);
+  }
   EXPECT_EQ(qorRingModulatorGetInstanceSize(&config, nullptr), R::ErrorNullPointer);
 
   QorRingModulatorParameters bad = params(0.5f, QorRingModulatorSquare, 0.5f), now{};
   EXPECT_EQ(qorRingModulatorUpdateParameters(inst, &bad), R::ErrorFrequency);
   ASSERT_EQ(qorRingModulatorGetParameters(inst, &now), R::Success);
-  EXPECT_EQ(now.mix, 1.0f);
-  EXPECT_EQ(now.waveform, QorRingModulatorSine);
+  EXPECT_TRUE(now.mix == 1.0f && now.waveform == QorRingModulatorSine);
   EXPECT_EQ(qorRingModulatorInit(inst, &config), R::ErrorAlreadyInitialised);
   int latency = -1;
   EXPECT_EQ(qorRingModulatorGetCurrentLatency(inst, &latency), R::Success);

@@ -19,27 +19,20 @@ using Signals = std::vector<std::vector<float>>;
 template <class Processor>
 class HeldProcessor {
  public:
-  explicit HeldProcessor(uint32_t channels = 2, float rate = 48000.0f)
-      : memory_(bytesFor(channels)) {
-    InstanceLayout layout(memory_.bytes());
-    processor_ = layout.take<Processor>();
-    Processor::layOut(layout, processor_, channels);
-    placed_ = layout.size();
-    initResult_ = processor_->init(rate);
-  }
-
-  static size_t bytesFor(uint32_t channels) {
+  explicit HeldProcessor(uint32_t channels = 2, float rate = 48000.0f) {
     InstanceLayout counter(nullptr);
     counter.take<Processor>();
     Processor::layOut(counter, nullptr, channels);
-    return counter.size();
+    memory_ = std::make_unique<InstanceMemory>(counter.size());
+    InstanceLayout layout(memory_->bytes());
+    processor_ = layout.take<Processor>();
+    Processor::layOut(layout, processor_, channels);
+    EXPECT_EQ(layout.size(), memory_->size()) << "placing takes what counting reserved";
+    EXPECT_EQ(processor_->init(rate), 0);
   }
 
   Processor* operator->() { return processor_; }
-  Processor& operator*() { return *processor_; }
-  size_t placedBytes() const { return placed_; }
-  size_t reservedBytes() const { return memory_.size(); }
-  int32_t initResult() const { return initResult_; }
+  size_t reservedBytes() const { return memory_->size(); }
 
   // Streams the signals (one per channel, equal lengths) through in blocks,
   // with the allocation guard around every call.
@@ -47,40 +40,22 @@ class HeldProcessor {
     const uint32_t channels = static_cast<uint32_t>(input.size());
     ChannelBuffers buffers(channels, block);
     Signals output(channels);
-    const size_t n = input[0].size();
-    for (size_t at = 0; at < n; at += block) {
+    for (size_t at = 0; at < input[0].size(); at += block) {
       buffers.load(input, at);
       EXPECT_NO_ALLOCATION(processor_->process(buffers.data(), block, channels));
       buffers.appendTo(output);
     }
-    for (auto& o : output) o.resize(n);
+    for (auto& o : output) o.resize(input[0].size());
     return output;
   }
-
   std::vector<float> runMono(const std::vector<float>& input, uint32_t block = 256) {
     return run(Signals{input}, block)[0];
   }
 
  private:
-  InstanceMemory memory_;
+  std::unique_ptr<InstanceMemory> memory_;
   Processor* processor_ = nullptr;
-  size_t placed_ = 0;
-  int32_t initResult_ = -1;
 };
-
-// Sum over frames of the squared synthesis-times-analysis window at time t of
-// an overlap-add with frames of `frame` samples every `hop`, frames starting
-// at multiples of `hop` (offset by `start`).
-inline double squaredWindowSum(int64_t t, uint32_t frame, uint32_t hop, int64_t start) {
-  double s = 0.0;
-  for (int64_t begin = start + ((t - start) / hop) * hop; begin > t - frame; begin -= hop) {
-    const int64_t i = t - begin;
-    if (i < 0 || i >= frame) continue;
-    const double w = 0.5 - 0.5 * std::cos(2.0 * 3.14159265358979323846 * i / (frame - 1));
-    s += w * w;
-  }
-  return s;
-}
 
 // RMS of out - expected over [from, end), relative to the RMS of expected.
 template <class T>
@@ -94,12 +69,19 @@ double relativeError(const std::vector<float>& out, const std::vector<T>& expect
   return std::sqrt(error / energy);
 }
 
-// An overlap-add (hop 256) that passes every frame unchanged: the input
-// `frame` samples late, scaled by gain times the sum of squared windows.
+// An overlap-add (hop 256, Hann analysis and synthesis) that passes every
+// frame unchanged: the input `frame` samples late, scaled by gain times the
+// sum of the squared windows over the frames covering each instant.
 inline std::vector<double> overlapAddReference(const std::vector<float>& in, uint32_t frame, double gain) {
   std::vector<double> y(in.size(), 0.0);
   for (size_t t = frame; t < in.size(); ++t) {
-    y[t] = gain * squaredWindowSum(static_cast<int64_t>(t) - frame, frame, 256, 0) * in[t - frame];
+    const int64_t at = static_cast<int64_t>(t) - frame;
+    double s = 0.0;
+    for (int64_t begin = (at / 256) * 256; begin > at - frame; begin -= 256) {
+      const double w = 0.5 - 0.5 * std::cos(2.0 * 3.14159265358979323846 * (at - begin) / (frame - 1));
+      s += w * w;
+    }
+    y[t] = gain * s * in[t - frame];
   }
   return y;
 }
