@@ -11,9 +11,8 @@
 #include <numbers>
 #include <vector>
 
-#include "support/block_runner.h"
 #include "support/signals.h"
-#include "dsp/voice/reverb.h"
+#include "voice_family.h"
 
 namespace {
 
@@ -22,38 +21,9 @@ using R = QorReverbResult;
 using P = QorReverbParameters;
 using Stereo = qor::test::Signals;
 
-P defaults() {
-  P p{};
-  qorReverbGetDefaultParameters(&p);
-  return p;
-}
+P defaults() { return qor::test::defaultsOf<qor::test::ReverbApi>(); }
 
-QorReverbConfig configWith(const P& p, uint32_t rate = 48000, uint32_t block = 256) {
-  return {rate, block, 2, rate, block, 2, p};
-}
-
-// One initialised instance and the means to run whole signals through it.
-class Reverb {
- public:
-  explicit Reverb(const P& p, uint32_t rate = 48000, uint32_t block = 256) : config_(configWith(p, rate, block)) {
-    size_t size = 0;
-    EXPECT_EQ(qorReverbGetInstanceSize(&config_, &size), R::Success);
-    memory_ = std::make_unique<qor::test::InstanceMemory>(size);
-    inst = memory_->as<QorReverbInst>();
-    EXPECT_EQ(qorReverbInit(inst, &config_), R::Success);
-  }
-  ~Reverb() { qorReverbRelease(inst); }
-  Stereo run(const Stereo& in) {
-    return qor::test::runBlocks(in, config_.inputBlockSize, [&](float** ch) { return qorReverbProcess(inst, ch); });
-  }
-  R update(P p) { return qorReverbUpdateParameters(inst, &p); }
-
-  QorReverbInst* inst = nullptr;
-
- private:
-  QorReverbConfig config_;
-  std::unique_ptr<qor::test::InstanceMemory> memory_;
-};
+using Reverb = qor::test::Family<qor::test::ReverbApi>;
 
 Stereo impulses(size_t n, float left, float right, size_t at = 0) {
   return {qor::test::impulse(n, at, left), qor::test::impulse(n, at, right)};
@@ -84,49 +54,6 @@ int32_t tapDelay(double ms, double size, double rate = 48000) {
 
 // ---------------------------------------------------------------- conventions
 
-TEST(ReverbConfig, FormatCodesCallOrderAlignmentAndLatency) {
-  struct Case {
-    uint32_t inRate, outRate, inBlock, outBlock, inCh, outCh;
-    R expected;
-  };
-  const Case cases[] = {
-      {48000, 48000, 256, 256, 2, 2, R::Success},          {44100, 44100, 128, 128, 2, 2, R::Success},
-      {48000, 48000, 4096, 4096, 2, 2, R::Success},        {32000, 32000, 256, 256, 2, 2, R::ErrorSampleRate},
-      {44100, 48000, 256, 256, 2, 2, R::ErrorSampleRate},  {48000, 48000, 127, 127, 2, 2, R::ErrorBlockSize},
-      {48000, 48000, 4097, 4097, 2, 2, R::ErrorBlockSize}, {48000, 48000, 256, 512, 2, 2, R::ErrorBlockSize},
-      {48000, 48000, 256, 256, 1, 2, R::ErrorInputChannels}, {48000, 48000, 256, 256, 2, 1, R::ErrorOutputChannels}};
-  int latency = -1;
-  for (const Case& c : cases) {
-    QorReverbConfig config{c.inRate, c.inBlock, c.inCh, c.outRate, c.outBlock, c.outCh, defaults()};
-    size_t size = 0;
-    EXPECT_EQ(qorReverbGetInstanceSize(&config, &size), c.expected) << c.inRate << " " << c.inBlock;
-    qor::test::InstanceMemory memory(c.expected == R::Success ? size : 1 << 16);
-    auto* inst = memory.as<QorReverbInst>();
-    EXPECT_EQ(qorReverbInit(inst, &config), c.expected);
-    EXPECT_EQ(qorReverbGetCurrentLatency(inst, &latency), c.expected == R::Success ? R::Success : R::ErrorNotInitialised);
-  }
-
-  Reverb r(defaults());
-  QorReverbConfig config = configWith(defaults());
-  EXPECT_EQ(qorReverbInit(r.inst, &config), R::ErrorAlreadyInitialised);
-  EXPECT_EQ(qorReverbProcess(r.inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorReverbGetParameters(r.inst, nullptr), R::ErrorNullPointer);
-  // A channel 16 bytes off alignment is refused and left as it was.
-  qor::test::ChannelBuffers buffers(2, 257);
-  float* channels[2] = {buffers[0] + 4, buffers[1]};
-  channels[0][0] = 0.25f;
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorReverbProcess(r.inst, channels), R::ErrorMisaligned));
-  EXPECT_EQ(channels[0][0], 0.25f);
-  r.run(impulses(512, 1.0f, 1.0f));
-  EXPECT_EQ(qorReverbGetCurrentLatency(r.inst, &latency), R::Success);
-  EXPECT_EQ(latency, 0);
-  EXPECT_EQ(qorReverbRelease(r.inst), R::Success);
-  float* good[2] = {buffers[0], buffers[1]};
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorReverbProcess(r.inst, good), R::ErrorNotInitialised));
-  EXPECT_EQ(qorReverbFlush(r.inst), R::ErrorNotInitialised);
-  EXPECT_EQ(qorReverbInit(r.inst, &config), R::Success);
-}
-
 TEST(ReverbParameters, RangeCodesRefusedUpdatesNanAndClampedRoomType) {
   const struct {
     float P::*field;
@@ -150,7 +77,7 @@ TEST(ReverbParameters, RangeCodesRefusedUpdatesNanAndClampedRoomType) {
       const bool inside = value >= c.low && value <= c.high;
       P p = defaults();
       p.*(c.field) = value;
-      const QorReverbConfig config = configWith(p);
+      const QorReverbConfig config{48000, 256, 2, 48000, 256, 2, p};
       size_t size = 0;
       EXPECT_EQ(qorReverbGetInstanceSize(&config, &size), inside ? R::Success : c.code) << value;
       if (!inside) {
@@ -158,8 +85,7 @@ TEST(ReverbParameters, RangeCodesRefusedUpdatesNanAndClampedRoomType) {
       }
     }
   }
-  P now{};
-  ASSERT_EQ(qorReverbGetParameters(r.inst, &now), R::Success);
+  const P now = r.parameters();
   EXPECT_TRUE(now.roomSize == defaults().roomSize && now.mix == defaults().mix);
   EXPECT_EQ(r.run(in), expected) << "refused updates left traces in the signal";
 
@@ -354,12 +280,10 @@ TEST(ReverbLateTail, MonoInputLeavesNoLowEndInTheDifference) {
 TEST(ReverbState, FlushSilencesEverythingAndKeepsTheParameters) {
   Reverb r(defaults());
   r.run(noise(9600, 41));
-  ASSERT_EQ(qorReverbFlush(r.inst), R::Success);
+  ASSERT_EQ(r.flush(), R::Success);
   const Stereo out = r.run(impulses(48000, 0.0f, 0.0f));
   EXPECT_EQ(qor::test::peakAbs(out[0]) + qor::test::peakAbs(out[1]), 0.0);
-  P now{};
-  ASSERT_EQ(qorReverbGetParameters(r.inst, &now), R::Success);
-  EXPECT_EQ(now.roomType, defaults().roomType);
+  EXPECT_EQ(r.parameters().roomType, defaults().roomType);
 }
 
 TEST(ReverbState, ACompletedFadeOutClearsTheTailAndRetunesAtOnce) {
@@ -384,7 +308,7 @@ TEST(ReverbState, ACompletedFadeOutClearsTheTailAndRetunesAtOnce) {
 
 TEST(ReverbState, BlockSizeDoesNotChangeTheResult) {
   const Stereo in = noise(24576, 71);
-  const Stereo a = Reverb(defaults(), 48000, 128).run(in), b = Reverb(defaults(), 48000, 512).run(in);
+  const Stereo a = Reverb(defaults(), 2, 48000, 128).run(in), b = Reverb(defaults(), 2, 48000, 512).run(in);
   for (int c = 0; c < 2; ++c) {
     double worst = 0.0;
     for (size_t i = 0; i < in[c].size(); ++i) worst = std::max(worst, std::fabs(double(a[c][i]) - b[c][i]));

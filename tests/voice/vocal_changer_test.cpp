@@ -8,8 +8,8 @@
 #include <tuple>
 #include <vector>
 
-#include "support/block_runner.h"
 #include "support/signals.h"
+#include "voice_family.h"
 #include "voice_processor_harness.h"
 
 namespace {
@@ -21,11 +21,7 @@ using Channels = std::vector<std::vector<float>>;
 
 constexpr uint32_t kBlock = 256;
 
-P defaults() {
-  P p;
-  EXPECT_EQ(qorVocalChangerGetDefaultParameters(&p), R::Success);
-  return p;
-}
+P defaults() { return qor::test::defaultsOf<qor::test::VocalChangerApi>(); }
 
 P voices(int32_t type1, float pitch1, int32_t type2 = 0, float pitch2 = 0.0f) {
   P p = defaults();
@@ -39,35 +35,11 @@ auto fields(const P& p) {
                          p.detuneCents, p.detunePitchRateHz, p.enable, p.crossfadeTime);
 }
 
-QorVocalChangerConfig configFor(uint32_t rate, uint32_t block, uint32_t channels, const P& p) {
-  return {rate, block, channels, rate, block, channels, p};
-}
 
-class Changer {
- public:
+// Mono unless asked otherwise.
+struct Changer : qor::test::Family<qor::test::VocalChangerApi> {
   explicit Changer(const P& p, uint32_t channels = 1, uint32_t rate = 48000, uint32_t block = kBlock)
-      : config_(configFor(rate, block, channels, p)) {
-    size_t size = 0;
-    EXPECT_EQ(qorVocalChangerGetInstanceSize(&config_, &size), R::Success);
-    memory_ = std::make_unique<qor::test::InstanceMemory>(size);
-    EXPECT_EQ(qorVocalChangerInit(inst(), &config_), R::Success);
-  }
-  ~Changer() { qorVocalChangerRelease(inst()); }
-  QorVocalChangerInst* inst() { return memory_->as<QorVocalChangerInst>(); }
-  Channels run(const Channels& in) {
-    return qor::test::runBlocks(in, config_.inputBlockSize, [&](float** ch) { return qorVocalChangerProcess(inst(), ch); });
-  }
-  std::vector<float> run(const std::vector<float>& in) { return run(Channels{in})[0]; }
-  R update(P p) { return qorVocalChangerUpdateParameters(inst(), &p); }
-  int latency() {
-    int l = -1;
-    EXPECT_EQ(qorVocalChangerGetCurrentLatency(inst(), &l), R::Success);
-    return l;
-  }
-
- private:
-  QorVocalChangerConfig config_;
-  std::unique_ptr<qor::test::InstanceMemory> memory_;
+      : Family(p, channels, rate, block) {}
 };
 
 // Speech-like test voice: 150 Hz pulse with falling harmonics, a little
@@ -94,31 +66,6 @@ void expectSame(const std::vector<float>& a, const std::vector<float>& b, float 
 
 // --- configuration, parameters and argument checks ---
 
-TEST(VocalChangerChecks, ConfigsAreCheckedRateThenBlockThenChannels) {
-  struct Case {
-    uint32_t rate, block, in, outRate, outBlock, out;
-    R expected;
-  };
-  // The output rate and block are not checked.
-  const Case cases[] = {
-      {48000, 256, 2, 48000, 256, 2, R::Success},          {44100, 128, 1, 0, 0, 1, R::Success},
-      {48000, 4096, 1, 96000, 77, 1, R::Success},          {32000, 256, 2, 32000, 256, 2, R::ErrorSampleRate},
-      {96000, 8000, 3, 96000, 256, 2, R::ErrorSampleRate}, {48000, 127, 3, 48000, 127, 2, R::ErrorBlockSize},
-      {48000, 4097, 1, 48000, 4097, 1, R::ErrorBlockSize}, {48000, 256, 0, 48000, 256, 0, R::ErrorInputChannels},
-      {48000, 256, 3, 48000, 256, 3, R::ErrorInputChannels}, {48000, 256, 1, 48000, 256, 2, R::ErrorOutputChannels},
-      {48000, 256, 2, 48000, 256, 0, R::ErrorOutputChannels}};
-  for (const Case& c : cases) {
-    const QorVocalChangerConfig config{c.rate, c.block, c.in, c.outRate, c.outBlock, c.out, defaults()};
-    size_t size = 0;
-    EXPECT_EQ(qorVocalChangerGetInstanceSize(&config, &size), c.expected) << c.rate << "/" << c.block;
-    qor::test::InstanceMemory memory(c.expected == R::Success ? size : 1 << 16);
-    EXPECT_EQ(qorVocalChangerInit(memory.as<QorVocalChangerInst>(), &config), c.expected);
-    if (c.expected == R::Success) {
-      EXPECT_EQ(qorVocalChangerRelease(memory.as<QorVocalChangerInst>()), R::Success);
-    }
-  }
-}
-
 TEST(VocalChangerChecks, BadFieldsAreRefusedInOrderAndChangeNothing) {
   struct Case {
     void (*spoil)(P&);
@@ -139,66 +86,17 @@ TEST(VocalChangerChecks, BadFieldsAreRefusedInOrderAndChangeNothing) {
   for (const Case& c : cases) {
     P bad = defaults();
     c.spoil(bad);
-    const QorVocalChangerConfig config = configFor(48000, kBlock, 1, bad);
+    const QorVocalChangerConfig config{48000, kBlock, 1, 48000, kBlock, 1, bad};
     size_t size = 0;
     EXPECT_EQ(qorVocalChangerGetInstanceSize(&config, &size), c.expected);
     EXPECT_EQ(changer.update(bad), c.expected);
-    P now;
-    ASSERT_EQ(qorVocalChangerGetParameters(changer.inst(), &now), R::Success);
-    EXPECT_EQ(fields(now), fields(held));
+    EXPECT_EQ(fields(changer.parameters()), fields(held));
   }
   // Bounds, NaN and out-of-range voice types are accepted.
   P p{-7, -2400.0f, 1000, 2400.0f, -60.0f, 0.0f, 1, 100.0f, 100.0f, 2.0f, 600.0f, std::nanf(""), 1, 100.0f};
   EXPECT_EQ(changer.update(p), R::Success);
   p.detuneCents = -600.0f, p.crossfadeTime = std::nanf("");
   EXPECT_EQ(changer.update(p), R::Success);
-}
-
-TEST(VocalChangerChecks, CallsInTheWrongStateOrWithBadPointers) {
-  const QorVocalChangerConfig config = configFor(48000, kBlock, 2, defaults());
-  size_t size = 0;
-  EXPECT_EQ(qorVocalChangerGetDefaultParameters(nullptr), R::ErrorNullPointer);
-  ASSERT_EQ(qorVocalChangerGetInstanceSize(&config, &size), R::Success);
-  EXPECT_EQ(qorVocalChangerGetInstanceSize(nullptr, &size), R::ErrorNullPointer);
-  EXPECT_EQ(qorVocalChangerGetInstanceSize(&config, nullptr), R::ErrorNullPointer);
-  qor::test::InstanceMemory memory(size + 32);
-  auto* inst = memory.as<QorVocalChangerInst>();
-  qor::test::ChannelBuffers buffers(2, kBlock);
-  buffers.fill(0.25f);
-  int latency = 0;
-  P p = defaults();
-
-  // Every call on an instance that is not initialised.
-  auto uninitialised = [&] {
-    return std::vector<R>{qorVocalChangerProcess(inst, buffers.data()), qorVocalChangerUpdateParameters(inst, &p),
-                          qorVocalChangerGetParameters(inst, &p), qorVocalChangerGetCurrentLatency(inst, &latency),
-                          qorVocalChangerFlush(inst), qorVocalChangerRelease(inst)};
-  };
-  EXPECT_EQ(uninitialised(), std::vector<R>(6, R::ErrorNotInitialised));
-  EXPECT_EQ(qorVocalChangerInit(nullptr, &config), R::ErrorNullPointer);
-  EXPECT_EQ(qorVocalChangerInit(inst, nullptr), R::ErrorNullPointer);
-  auto* shifted = reinterpret_cast<QorVocalChangerInst*>(memory.bytes() + 16);
-  EXPECT_EQ(qorVocalChangerInit(shifted, &config), R::ErrorMisaligned);
-
-  ASSERT_EQ(qorVocalChangerInit(inst, &config), R::Success);
-  EXPECT_EQ(qorVocalChangerInit(inst, &config), R::ErrorAlreadyInitialised);
-  EXPECT_EQ((std::vector<R>{qorVocalChangerProcess(inst, nullptr), qorVocalChangerUpdateParameters(inst, nullptr),
-                            qorVocalChangerGetParameters(inst, nullptr),
-                            qorVocalChangerGetCurrentLatency(inst, nullptr)}),
-            std::vector<R>(4, R::ErrorNullPointer));
-
-  // A 16-byte-aligned channel is refused and left as it was.
-  qor::test::ChannelBuffers wide(1, kBlock + 8);
-  wide.fill(0.5f);
-  float* channels[2] = {buffers[0], wide[0] + 4};
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorVocalChangerProcess(inst, channels), R::ErrorMisaligned));
-  for (uint32_t i = 0; i < kBlock; ++i) ASSERT_EQ(channels[1][i], 0.5f);
-
-  EXPECT_EQ(qorVocalChangerRelease(inst), R::Success);
-  EXPECT_EQ(uninitialised(), std::vector<R>(6, R::ErrorNotInitialised));
-  memory.zero();
-  EXPECT_EQ(qorVocalChangerInit(inst, &config), R::Success);
-  EXPECT_EQ(qorVocalChangerRelease(inst), R::Success);
 }
 
 // --- routing, levels and latency ---
@@ -392,11 +290,10 @@ TEST(VocalChangerState, FlushClearsHistory) {
   p.detuneDelayMs = 30.0f;
   Changer changer(p);
   changer.run(voiceLike(kBlock * 16));
-  ASSERT_EQ(qorVocalChangerFlush(changer.inst()), R::Success);
+  ASSERT_EQ(changer.flush(), R::Success);
   // Both shifters start empty and the detune delay holds nothing.
   for (float v : changer.run(std::vector<float>(kBlock * 8, 0.0f))) ASSERT_EQ(v, 0.0f);
-  ASSERT_EQ(qorVocalChangerGetParameters(changer.inst(), &p), R::Success);
-  EXPECT_EQ(p.voice1PitchCents, -700.0f);
+  EXPECT_EQ(changer.parameters().voice1PitchCents, -700.0f);
   EXPECT_EQ(changer.latency(), 2048);
 }
 
