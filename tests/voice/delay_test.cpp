@@ -182,22 +182,18 @@ TEST_F(DelayTest, FlushAndFadeOutClearTheEchoes) {
 
 TEST_F(DelayTest, NoteDurationsInHertz) {
   make(defaults());
-  auto hz = [&](float tempo, int32_t note, uint32_t mod) {
-    float out = -1.0f;
-    EXPECT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, tempo, static_cast<QorDelayNoteDurations>(note),
-                                             static_cast<QorDelayNoteDurationMod>(mod), &out), R::Success);
-    return out;
-  };
   const double mods[] = {1.0, 2.0 / 3.0, 1.5, 1.75, 1.0};
+  float out = -1.0f;
   for (float tempo : {60.0f, 97.0f, 120.0f}) {
     for (int32_t note = -3; note <= 7; ++note) {
       for (uint32_t mod = 0; mod <= 4; ++mod) {
+        ASSERT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, tempo, static_cast<QorDelayNoteDurations>(note),
+                                                 static_cast<QorDelayNoteDurationMod>(mod), &out), R::Success);
         const double expected = 1000.0 / (60000.0 / tempo * std::pow(2.0, 2 - note) * mods[mod]);
-        EXPECT_NEAR(hz(tempo, note, mod), expected, 1e-5 * expected) << tempo << " " << note << " " << mod;
+        EXPECT_NEAR(out, expected, 1e-5 * expected) << tempo << " " << note << " " << mod;
       }
     }
   }
-  float out = 0;
   EXPECT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, nullptr), R::ErrorNullPointer);
   ASSERT_EQ(qorDelayRelease(delay->inst), R::Success);
   EXPECT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, &out), R::ErrorNotInitialised);
