@@ -1,6 +1,6 @@
 // Delay: echo positions and gains in impulse responses against a plain
-// model of two band-limited feedback lines, the tempo helper, and the
-// calling conventions.
+// model of two band-limited feedback lines, Flush and the fade, and the
+// tempo helper. The calling conventions are in the shared family suite.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include <numbers>
 
 #include "support/signals.h"
-#include "voice_family.h"
+#include "voice_harness.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Flanger/phaser: impulse and frequency responses against plain models of
-// the swept combs and the all-pass chain, pending settings, the abrupt
-// switch-off and the calling conventions.
+// the swept combs and the all-pass chain, pending settings and the abrupt
+// switch-off. The calling conventions are in the shared family suite.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 #include <numbers>
 
 #include "support/signals.h"
-#include "voice_family.h"
+#include "voice_harness.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The reverb family measured on signals: reflection taps against the room
 // tables, the late tail's decay per band against the decay times, the mono
-// low end, the network size chosen from the decay times, and the calling
-// conventions.
+// low end, parameter ranges, Flush and the fade. The calling conventions are
+// in the shared family suite.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "support/signals.h"
-#include "voice_family.h"
+#include "voice_harness.h"
 
 namespace {
 
@@ -51,8 +51,7 @@ int32_t tapDelay(double ms, double size, double rate = 48000) {
   return static_cast<int32_t>(std::floor(ms * size * rate / 1000.0 + 0.5));
 }
 
-
-// ---------------------------------------------------------------- conventions
+// ---------------------------------------------------------------- parameters
 
 TEST(ReverbParameters, RangeCodesRefusedUpdatesNanAndClampedRoomType) {
   const struct {

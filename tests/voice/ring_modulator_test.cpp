@@ -1,5 +1,5 @@
 // Ring modulator: carrier spectra and gain sequences measured on signals,
-// the bypass fade, and the calling conventions.
+// and the bypass fade. The calling conventions are in the shared family suite.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <numbers>
 
 #include "support/signals.h"
-#include "voice_family.h"
+#include "voice_harness.h"
 
 namespace {
 

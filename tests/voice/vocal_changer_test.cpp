@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "support/signals.h"
-#include "voice_family.h"
-#include "voice_processor_harness.h"
+#include "voice_harness.h"
 
 namespace {
 
@@ -64,7 +63,7 @@ void expectSame(const std::vector<float>& a, const std::vector<float>& b, float 
   for (size_t i = 0; i < a.size(); ++i) ASSERT_NEAR(a[i], b[i], tolerance) << "sample " << i;
 }
 
-// --- configuration, parameters and argument checks ---
+// --- parameter checks (the calling conventions are in the shared family suite) ---
 
 TEST(VocalChangerChecks, BadFieldsAreRefusedInOrderAndChangeNothing) {
   struct Case {

@@ -10,7 +10,7 @@
 
 #include "support/alloc_guard.h"
 #include "support/signals.h"
-#include "voice_family.h"
+#include "voice_harness.h"
 
 namespace qor::test {
 namespace {
