@@ -1,6 +1,6 @@
 // Delay: echo positions and gains in impulse responses against a plain
-// model of two band-limited feedback lines, the tempo helper, and the
-// calling conventions.
+// model of two band-limited feedback lines, Flush and the fade, and the
+// tempo helper. The calling conventions are in the shared family suite.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,9 +9,8 @@
 #include <memory>
 #include <numbers>
 
-#include "support/block_runner.h"
 #include "support/signals.h"
-#include "dsp/voice/delay.h"
+#include "voice_harness.h"
 
 namespace {
 
@@ -71,33 +70,18 @@ double energy(const std::vector<float>& x, size_t from, size_t to) {
   return e;
 }
 
-QorDelayParameters defaults() {
-  QorDelayParameters p{};
-  qorDelayGetDefaultParameters(&p);
-  return p;
-}
+QorDelayParameters defaults() { return qor::test::defaultsOf<qor::test::DelayApi>(); }
 
 class DelayTest : public ::testing::Test {
  protected:
-  void make(QorDelayParameters p, uint32_t rate = 48000) {
-    config = QorDelayConfig{rate, 256, 2, rate, 256, 2, p};
-    size_t size = 0;
-    ASSERT_EQ(qorDelayGetInstanceSize(&config, &size), R::Success);
-    memory = std::make_unique<qor::test::InstanceMemory>(size);
-    inst = memory->as<QorDelayInst>();
-    ASSERT_EQ(qorDelayInit(inst, &config), R::Success);
-  }
-  Signals run(const Signals& in) {
-    return qor::test::runBlocks(in, 256, [&](float** ch) { return qorDelayProcess(inst, ch); });
-  }
-  void update(QorDelayParameters p) { ASSERT_EQ(qorDelayUpdateParameters(inst, &p), R::Success); }
+  void make(QorDelayParameters p, uint32_t rate = 48000) { delay = std::make_unique<qor::test::Family<qor::test::DelayApi>>(p, 2, rate); }
+  Signals run(const Signals& in) { return delay->run(in); }
+  void update(QorDelayParameters p) { ASSERT_EQ(delay->update(p), R::Success); }
   static Signals impulses(size_t n, float left, float right) {
     return {qor::test::impulse(n, 0, left), qor::test::impulse(n, 0, right)};
   }
 
-  QorDelayConfig config{};
-  std::unique_ptr<qor::test::InstanceMemory> memory;
-  QorDelayInst* inst = nullptr;
+  std::unique_ptr<qor::test::Family<qor::test::DelayApi>> delay;
 };
 
 TEST_F(DelayTest, ImpulseResponseMatchesAPlainModelForEveryRouting) {
@@ -182,7 +166,7 @@ TEST_F(DelayTest, FlushAndFadeOutClearTheEchoes) {
   make(p);
   for (int round = 0; round < 2; ++round) {  // also after the core went inactive
     run(impulses(9600, 1.0f, 1.0f));
-    ASSERT_EQ(qorDelayFlush(inst), R::Success);
+    ASSERT_EQ(delay->flush(), R::Success);
     const Signals out = run(impulses(40000, 0.0f, 0.0f));
     EXPECT_EQ(energy(out[0], 0, 40000) + energy(out[1], 0, 40000), 0.0) << round;
   }
@@ -198,67 +182,21 @@ TEST_F(DelayTest, FlushAndFadeOutClearTheEchoes) {
 
 TEST_F(DelayTest, NoteDurationsInHertz) {
   make(defaults());
-  auto hz = [&](float tempo, int32_t note, uint32_t mod) {
-    float out = -1.0f;
-    EXPECT_EQ(qorDelayGetNoteDurationInHertz(inst, tempo, static_cast<QorDelayNoteDurations>(note),
-                                             static_cast<QorDelayNoteDurationMod>(mod), &out), R::Success);
-    return out;
-  };
   const double mods[] = {1.0, 2.0 / 3.0, 1.5, 1.75, 1.0};
+  float out = -1.0f;
   for (float tempo : {60.0f, 97.0f, 120.0f}) {
     for (int32_t note = -3; note <= 7; ++note) {
       for (uint32_t mod = 0; mod <= 4; ++mod) {
+        ASSERT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, tempo, static_cast<QorDelayNoteDurations>(note),
+                                                 static_cast<QorDelayNoteDurationMod>(mod), &out), R::Success);
         const double expected = 1000.0 / (60000.0 / tempo * std::pow(2.0, 2 - note) * mods[mod]);
-        EXPECT_NEAR(hz(tempo, note, mod), expected, 1e-5 * expected) << tempo << " " << note << " " << mod;
+        EXPECT_NEAR(out, expected, 1e-5 * expected) << tempo << " " << note << " " << mod;
       }
     }
   }
-  float out = 0;
-  EXPECT_EQ(qorDelayGetNoteDurationInHertz(inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, nullptr), R::ErrorNullPointer);
-  ASSERT_EQ(qorDelayRelease(inst), R::Success);
-  EXPECT_EQ(qorDelayGetNoteDurationInHertz(inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, &out), R::ErrorNotInitialised);
-}
-
-TEST_F(DelayTest, ErrorCodesAndRefusedCalls) {
-  make(defaults());
-  size_t size = 0;
-  auto with = [&](auto change) { QorDelayConfig c = config; change(c); return qorDelayGetInstanceSize(&c, &size); };
-  EXPECT_EQ(with([](auto& c) { c.inputSampleRate = 96000; }), R::ErrorSampleRate);
-  EXPECT_EQ(with([](auto& c) { c.outputSampleRate = 8000; c.outputBlockSize = 7; }), R::Success) << "output rate and block unchecked";
-  EXPECT_EQ(with([](auto& c) { c.inputBlockSize = 127; }), R::ErrorBlockSize);
-  EXPECT_EQ(with([](auto& c) { c.inputBlockSize = 4097; }), R::ErrorBlockSize);
-  EXPECT_EQ(with([](auto& c) { c.inputChannels = 1; }), R::ErrorInputChannels);
-  EXPECT_EQ(with([](auto& c) { c.outputChannels = 1; }), R::ErrorOutputChannels);
-  EXPECT_EQ(with([](auto& c) { c.parameters.delayTimeLeftMs = 9.9f; c.parameters.delayTimeRightMs = 0; }), R::ErrorDelayTimeLeft);
-  EXPECT_EQ(with([](auto& c) { c.parameters.delayTimeRightMs = 2001.0f; }), R::ErrorDelayTimeRight);
-  EXPECT_EQ(with([](auto& c) { c.parameters.feedback = 0.61f; }), R::ErrorFeedback);
-  EXPECT_EQ(with([](auto& c) { c.parameters.mix = -0.1f; }), R::ErrorMix);
-  EXPECT_EQ(with([](auto& c) { c.parameters.crossfadeTime = 101.0f; }), R::ErrorCrossfadeTime);
-  EXPECT_EQ(with([](auto& c) { c.parameters.routing = 9; c.parameters.feedback = std::nanf(""); }), R::Success);
-  EXPECT_EQ(static_cast<int32_t>(R::ErrorDelayTimeLeft), -1005003);
-
-  QorDelayParameters bad = defaults(), now{};
-  bad.mix = 0.3f, bad.feedback = 0.9f;
-  EXPECT_EQ(qorDelayUpdateParameters(inst, &bad), R::ErrorFeedback);
-  ASSERT_EQ(qorDelayGetParameters(inst, &now), R::Success);
-  EXPECT_EQ(now.mix, 0.5f);
-  EXPECT_EQ(qorDelayInit(inst, &config), R::ErrorAlreadyInitialised);
-  int latency = -1;
-  EXPECT_EQ(qorDelayGetCurrentLatency(inst, &latency), R::Success);
-  EXPECT_EQ(latency, 0);
-  qor::test::ChannelBuffers buffers(2, 264);
-  buffers.fill(0.5f);
-  float* skewed[2] = {buffers[0] + 4, buffers[1]};
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorDelayProcess(inst, skewed), R::ErrorMisaligned));
-  EXPECT_EQ(skewed[0][0], 0.5f);
-  ASSERT_EQ(qorDelayRelease(inst), R::Success);
-  EXPECT_NO_ALLOCATION(EXPECT_EQ(qorDelayProcess(inst, buffers.data()), R::ErrorNotInitialised));
-  EXPECT_EQ(qorDelayFlush(inst), R::ErrorNotInitialised);
-  memory->zero();
-  QorDelayConfig badConfig = config;
-  badConfig.parameters.mix = 2.0f;
-  EXPECT_EQ(qorDelayInit(inst, &badConfig), R::ErrorMix);
-  EXPECT_EQ(qorDelayGetParameters(inst, &now), R::ErrorNotInitialised);
+  EXPECT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, nullptr), R::ErrorNullPointer);
+  ASSERT_EQ(qorDelayRelease(delay->inst), R::Success);
+  EXPECT_EQ(qorDelayGetNoteDurationInHertz(delay->inst, 120, QorDelayNoteQuarter, QorDelayNotePlain, &out), R::ErrorNotInitialised);
 }
 
 }  // namespace

@@ -24,14 +24,9 @@ using Config = QorSampleRateConverterConfig;
 using Signals = std::vector<std::vector<float>>;
 constexpr double kPi = std::numbers::pi;
 
-// The output block by the float-quotient, float-product, double-ceiling rule.
-uint32_t blockRule(uint32_t inRate, uint32_t inBlock, uint32_t outRate) {
-  const float product = static_cast<float>(outRate) / static_cast<float>(inRate) * static_cast<float>(inBlock);
-  return static_cast<uint32_t>(std::ceil(static_cast<double>(product)));
-}
-
 Config configFor(uint32_t inRate, uint32_t inBlock, uint32_t outRate, uint32_t channels = 1) {
-  Config c{inRate, inBlock, channels, outRate, blockRule(inRate, inBlock, outRate), channels, {}};
+  Config c{inRate, inBlock, channels, outRate, 0, channels, {}};
+  EXPECT_EQ(qorSampleRateConverterComputeOutputBlockSize(inRate, inBlock, outRate, &c.outputBlockSize), R::Success);
   qorSampleRateConverterGetDefaultParameters(&c.parameters);
   return c;
 }
@@ -145,11 +140,13 @@ SineReport measureSine(const std::vector<float>& y, double frequency, double rat
   return r;
 }
 
-// Rate pairs the voice chain uses: host block into 48 kHz, 256 frames back.
+// Rate pairs (and channel counts) the voice chain uses.
 struct Pair {
-  uint32_t inRate, inBlock, outRate;
+  uint32_t inRate, inBlock, outRate, channels = 1;
 };
-void PrintTo(const Pair& p, std::ostream* os) { *os << p.inRate << "/" << p.inBlock << "->" << p.outRate; }
+void PrintTo(const Pair& p, std::ostream* os) {
+  *os << p.inRate << "/" << p.inBlock << "->" << p.outRate << " x" << p.channels;
+}
 
 const Pair kChainPairs[] = {
     {22050, 256, 48000}, {48000, 256, 22050}, {44100, 256, 48000},  {44100, 441, 48000},
@@ -170,9 +167,7 @@ TEST_P(ChainRates, CountsTrackTheExactCountAndASineKeepsFrequencyAndAmplitude) {
   for (size_t k = 0; k < 2000; ++k) {
     const uint32_t n = conv.step({std::vector<float>(1, 0.0f)});
     ASSERT_LE(n, block) << "call " << k;
-    if (k >= 2) {
-      ASSERT_GE(n, block - 3) << "call " << k;
-    }
+    ASSERT_GE(n, k >= 2 ? block - 3 : 0) << "call " << k;
     total += n;
     const double deviation = total - perCall * static_cast<double>(k + 1);
     if (k >= 10) low = std::min(low, deviation), high = std::max(high, deviation);
@@ -190,37 +185,37 @@ TEST_P(ChainRates, CountsTrackTheExactCountAndASineKeepsFrequencyAndAmplitude) {
 
 INSTANTIATE_TEST_SUITE_P(VoiceChain, ChainRates, ::testing::ValuesIn(kChainPairs));
 
+// The output block is the ceiling of a float quotient times a float product:
+// 441 samples at 44.1 kHz are exactly 480 at 48 kHz, but the float product
+// lands just above 480; 256 give ceil(278.64).
 TEST(SampleRateConverterCounts, BlockSizeRuleUsesFloatQuotientAndProduct) {
-  uint32_t block = 0;
-  for (const Pair& p : kChainPairs) {
-    ASSERT_EQ(qorSampleRateConverterComputeOutputBlockSize(p.inRate, p.inBlock, p.outRate, &block), R::Success);
-    EXPECT_EQ(block, blockRule(p.inRate, p.inBlock, p.outRate));
-    EXPECT_GE(block, static_cast<uint32_t>(std::ceil(double(p.outRate) / p.inRate * p.inBlock - 1e-9)));
+  const struct { uint32_t inRate, inBlock, outRate, block; R code; } cases[] = {
+      {44100, 441, 48000, 481, R::Success},  {44100, 256, 48000, 279, R::Success},   {48000, 256, 22050, 118, R::Success},
+      {999, 31, 48000, 0, R::ErrorSampleRate}, {48000, 256, 192001, 0, R::ErrorSampleRate},
+      {48000, 31, 44100, 0, R::ErrorBlockSize}, {48000, 4097, 44100, 0, R::ErrorBlockSize}};
+  for (const auto& c : cases) {
+    uint32_t block = 0;  // untouched on a refusal
+    EXPECT_EQ(qorSampleRateConverterComputeOutputBlockSize(c.inRate, c.inBlock, c.outRate, &block), c.code);
+    EXPECT_EQ(block, c.block);
   }
-  // 441 samples at 44.1 kHz are exactly 480 at 48 kHz, but the float
-  // product lands just above 480.
-  ASSERT_EQ(qorSampleRateConverterComputeOutputBlockSize(44100, 441, 48000, &block), R::Success);
-  EXPECT_EQ(block, 481u);
-  ASSERT_EQ(qorSampleRateConverterComputeOutputBlockSize(44100, 256, 48000, &block), R::Success);
-  EXPECT_EQ(block, 279u);  // ceil(278.64)
-  EXPECT_EQ(qorSampleRateConverterComputeOutputBlockSize(999, 31, 48000, &block), R::ErrorSampleRate);
-  EXPECT_EQ(qorSampleRateConverterComputeOutputBlockSize(48000, 256, 192001, &block), R::ErrorSampleRate);
-  EXPECT_EQ(qorSampleRateConverterComputeOutputBlockSize(48000, 31, 44100, &block), R::ErrorBlockSize);
-  EXPECT_EQ(qorSampleRateConverterComputeOutputBlockSize(48000, 4097, 44100, &block), R::ErrorBlockSize);
 }
 
-// The first outputs against the direct interpolator, stereo with a different
-// noise on each channel. Only the first 256: the float time accumulator
-// walks by about 1e-7 of a period per step, so later outputs drift slowly
-// off the exact instants (the frequency test bounds that walk).
+// The first outputs against the direct interpolator, a different noise on
+// each channel so that a mixed-up channel shows. The converter weighs the
+// first two channels while computing the weights and the others from the
+// kept weights, two at a time (a lone channel as a pair with itself), so
+// every channel count is covered. Only the first 256 outputs: the float time
+// accumulator walks by about 1e-7 of a period per step, so later outputs
+// drift slowly off the exact instants (the frequency test bounds that walk).
 class AgainstDirectInterpolation : public ::testing::TestWithParam<Pair> {};
 
-TEST_P(AgainstDirectInterpolation, FirstBlockMatches) {
+TEST_P(AgainstDirectInterpolation, FirstBlockMatchesOnEveryChannel) {
   const Pair p = GetParam();
-  Converter conv(configFor(p.inRate, p.inBlock, p.outRate, 2));
-  const Signals x{qor::test::whiteNoise(p.inBlock, 11, 0.5), qor::test::whiteNoise(p.inBlock, 12, 0.5)};
+  Converter conv(configFor(p.inRate, p.inBlock, p.outRate, p.channels));
+  Signals x;
+  for (uint32_t c = 0; c < p.channels; ++c) x.push_back(qor::test::whiteNoise(p.inBlock, 11 + c, 0.5));
   ASSERT_EQ(conv.step(x), conv.config.outputBlockSize);
-  for (uint32_t c = 0; c < 2; ++c) {
+  for (uint32_t c = 0; c < p.channels; ++c) {
     double worst = 0.0;
     for (size_t o = 0; o < 256; ++o) worst = std::max(worst, std::fabs(conv.output[c][o] - reference(x[c], conv.config, o)));
     EXPECT_LT(worst, 1e-4) << "channel " << c;  // -80 dB below full scale
@@ -228,8 +223,11 @@ TEST_P(AgainstDirectInterpolation, FirstBlockMatches) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, AgainstDirectInterpolation,
-                         ::testing::Values(Pair{44100, 3584, 48000}, Pair{48000, 4096, 44100},
-                                           Pair{22050, 1792, 48000}, Pair{96000, 4096, 48000}));
+                         ::testing::Values(Pair{44100, 3584, 48000, 2}, Pair{48000, 4096, 44100, 2},
+                                           Pair{22050, 1792, 48000, 2}, Pair{96000, 4096, 48000, 2},
+                                           Pair{44100, 1024, 48000, 1}, Pair{44100, 1024, 48000, 3},
+                                           Pair{44100, 1024, 48000, 4}, Pair{48000, 1024, 44100, 1},
+                                           Pair{48000, 1024, 44100, 5}, Pair{22050, 1024, 48000, 3}));
 
 TEST(SampleRateConverterQuality, DownSamplingRejectsToneAboveTheOutputBand) {
   Converter conv(configFor(96000, 512, 48000));
@@ -247,7 +245,6 @@ class Latency : public ::testing::TestWithParam<Pair> {};
 TEST_P(Latency, ReportedLatencyIsTheDelayOfTheFirstBlock) {
   const Pair p = GetParam();
   Converter conv(configFor(p.inRate, p.inBlock, p.outRate));
-  const double ratio = static_cast<double>(p.outRate) / p.inRate;
   const float span = static_cast<float>(p.outRate) / static_cast<float>(p.inRate) * 10.0f;
   const int32_t expected = p.inRate >= p.outRate ? 21 : static_cast<int32_t>(2.0f * span + 2.0f);
   EXPECT_EQ(conv.latency(), expected);
@@ -273,7 +270,7 @@ TEST_P(Latency, ReportedLatencyIsTheDelayOfTheFirstBlock) {
   EXPECT_NEAR(qor::test::delayByCrossCorrelation({z.begin(), z.begin() + block}, {y.begin(), y.begin() + block}, 100),
               expected, 1);
   const int32_t steady = qor::test::delayByCrossCorrelation({z.begin() + from, z.end()}, {y.begin() + from, y.end()}, 100);
-  const double h = halfWidth(conv.config);
+  const double h = halfWidth(conv.config), ratio = static_cast<double>(p.outRate) / p.inRate;
   EXPECT_GE(steady, (h - 1.0) * ratio - 1.0);
   EXPECT_LE(steady, (h + 1.0) * ratio + 1.0);
 }
@@ -282,20 +279,20 @@ INSTANTIATE_TEST_SUITE_P(Rates, Latency,
                          ::testing::Values(Pair{44100, 256, 48000}, Pair{48000, 256, 44100},
                                            Pair{48000, 256, 96000}, Pair{96000, 512, 48000}));
 
-TEST(SampleRateConverterEqualRates, CopiesBitExactly) {
+TEST(SampleRateConverterEqualRates, CopiesBitExactlyAlsoInPlace) {
   Converter conv(configFor(48000, 256, 48000, 2));
   EXPECT_EQ(conv.latency(), 0);
   const Signals x{qor::test::whiteNoise(1024, 3), qor::test::whiteNoise(1024, 4)};
   for (uint32_t n : conv.run(x, 4)) EXPECT_EQ(n, 256u);
   for (uint32_t c = 0; c < 2; ++c) EXPECT_EQ(std::memcmp(conv.output[c].data(), x[c].data(), 4096), 0);
-  conv.in.load(x, 0);  // in place as well
+  conv.in.load(x, 0);
   uint32_t n = 0;
   EXPECT_NO_ALLOCATION(EXPECT_EQ(qorSampleRateConverterProcess(conv.inst, conv.in.data(), conv.in.data(), &n), R::Success));
   EXPECT_EQ(std::memcmp(conv.in[1], x[1].data(), 1024), 0);
 }
 
-TEST(SampleRateConverterFlush, StartsLikeAFreshInstance) {
-  const Config config = configFor(44100, 256, 48000, 2);
+TEST(SampleRateConverterFlush, StartsLikeAFreshInstanceButKeepsTheDriftCorrection) {
+  Config config = configFor(44100, 256, 48000, 2);
   Converter used(config), fresh(config);
   used.run({qor::test::whiteNoise(256 * 40, 5), qor::test::whiteNoise(256 * 40, 6)}, 40);
   ASSERT_EQ(qorSampleRateConverterFlush(used.inst), R::Success);
@@ -305,15 +302,13 @@ TEST(SampleRateConverterFlush, StartsLikeAFreshInstance) {
   used.read = 0;
   EXPECT_EQ(used.run(next, 20), fresh.run(next, 20));
   EXPECT_EQ(used.output, fresh.output);
-}
 
-TEST(SampleRateConverterFlush, KeepsTheDriftCorrectionGoing) {
   // Flushed after every call, each call is a first call and fills the whole
   // 279-sample block: 0.36 samples more than the exact count each time. The
   // drift counters survive Flush, so the check at the 200th call withholds
   // one sample; without them every call would give 279.
-  const Config config = configFor(44100, 256, 48000);
-  Converter conv(config), fresh(config);
+  config = configFor(44100, 256, 48000);
+  Converter conv(config), first(config);
   const Signals x{qor::test::whiteNoise(256, 10)};
   for (int k = 1; k <= 200; ++k) {
     conv.read = 0;
@@ -321,8 +316,8 @@ TEST(SampleRateConverterFlush, KeepsTheDriftCorrectionGoing) {
     ASSERT_EQ(conv.step(x), k < 200 ? 279u : 278u) << "call " << k;
     ASSERT_EQ(qorSampleRateConverterFlush(conv.inst), R::Success);
   }
-  fresh.step(x);
-  EXPECT_TRUE(std::equal(conv.output[0].begin(), conv.output[0].end(), fresh.output[0].begin()))
+  first.step(x);
+  EXPECT_TRUE(std::equal(conv.output[0].begin(), conv.output[0].end(), first.output[0].begin()))
       << "the corrected block is a fresh block without its last sample";
 }
 
@@ -373,8 +368,6 @@ TEST(SampleRateConverterValidation, CodesInCheckingOrder) {
       {[](Config& c) { c.parameters.kaiserBeta = 0.5f; }, R::ErrorKaiserBeta},
       {[](Config& c) { c.parameters.kaiserBeta = 25.5f; }, R::ErrorKaiserBeta},
   };
-  EXPECT_EQ(static_cast<int32_t>(R::ErrorOutputBlockSize), -1003005);
-  EXPECT_EQ(static_cast<int32_t>(R::ErrorKaiserBeta), -1003008);
   size_t size = 0;
   for (size_t first = 0; first < std::size(faults); ++first) {
     Config c = configFor(44100, 256, 48000, 2);
@@ -383,10 +376,7 @@ TEST(SampleRateConverterValidation, CodesInCheckingOrder) {
     }
     EXPECT_EQ(qorSampleRateConverterGetInstanceSize(&c, &size), faults[first].code) << "fault " << first;
     qor::test::InstanceMemory memory(1 << 16);
-    auto* inst = memory.as<QorSampleRateConverterInst>();
-    EXPECT_EQ(qorSampleRateConverterInit(inst, &c), faults[first].code) << "fault " << first;
-    int32_t latency = 0;
-    EXPECT_EQ(qorSampleRateConverterGetCurrentLatency(inst, &latency), R::ErrorNotInitialised);
+    EXPECT_EQ(qorSampleRateConverterInit(memory.as<QorSampleRateConverterInst>(), &c), faults[first].code) << first;
   }
   // NaN passes the range test; the boundaries are inclusive.
   Config c = configFor(1000, 32, 48000);
@@ -399,56 +389,48 @@ TEST(SampleRateConverterValidation, CodesInCheckingOrder) {
 }
 
 TEST(SampleRateConverterCalls, ArgumentAlignmentAndMarkerChecks) {
-  QorSampleRateConverterParameters got{};
-  EXPECT_EQ(qorSampleRateConverterGetDefaultParameters(nullptr), R::ErrorNullPointer);
-  ASSERT_EQ(qorSampleRateConverterGetDefaultParameters(&got), R::Success);
-  EXPECT_TRUE(got.numZeroCrossings == 10 && got.samplesPerZeroCrossing == 512 && got.kaiserBeta == 5.0f);
-
   Config config = configFor(48000, 256, 44100, 2);
   config.parameters = {12, 256, 7.5f};
   size_t size = 0;
   ASSERT_EQ(qorSampleRateConverterGetInstanceSize(&config, &size), R::Success);
   qor::test::InstanceMemory memory(size + 32);
   auto* inst = memory.as<QorSampleRateConverterInst>();
-  auto* shifted = reinterpret_cast<QorSampleRateConverterInst*>(memory.bytes() + 16);
   qor::test::ChannelBuffers in(2, 256), out(2, config.outputBlockSize);
+  in.fill(0.5f);
+  out.fill(-3.0f);
+  float* misaligned[2] = {out[0], out[1] + 4};  // 16- but not 32-byte aligned
   uint32_t n = 7;
-  auto process = [&](QorSampleRateConverterInst* i, float** input, float** output, uint32_t* count) {
+  int32_t latency = 0;
+  QorSampleRateConverterParameters got{};
+  auto process = [&](float** input, float** output, uint32_t* count) {
     R rc{};
-    EXPECT_NO_ALLOCATION(rc = qorSampleRateConverterProcess(i, input, output, count));
+    EXPECT_NO_ALLOCATION(rc = qorSampleRateConverterProcess(inst, input, output, count));
     return rc;
   };
+  EXPECT_EQ(qorSampleRateConverterGetDefaultParameters(nullptr), R::ErrorNullPointer);
   EXPECT_EQ(qorSampleRateConverterInit(nullptr, &config), R::ErrorNullPointer);
   EXPECT_EQ(qorSampleRateConverterInit(inst, nullptr), R::ErrorNullPointer);
-  EXPECT_EQ(qorSampleRateConverterInit(shifted, &config), R::ErrorMisaligned);
-  EXPECT_EQ(process(inst, in.data(), out.data(), &n), R::ErrorNotInitialised);
-  EXPECT_EQ(qorSampleRateConverterFlush(inst), R::ErrorNotInitialised);
-  EXPECT_EQ(qorSampleRateConverterRelease(inst), R::ErrorNotInitialised);
-
-  ASSERT_EQ(qorSampleRateConverterInit(inst, &config), R::Success);
-  EXPECT_EQ(qorSampleRateConverterInit(inst, &config), R::ErrorAlreadyInitialised);
-  EXPECT_EQ(qorSampleRateConverterGetParameters(inst, nullptr), R::ErrorNullPointer);
-  ASSERT_EQ(qorSampleRateConverterGetParameters(inst, &got), R::Success);
-  EXPECT_TRUE(got.numZeroCrossings == 12 && got.samplesPerZeroCrossing == 256 && got.kaiserBeta == 7.5f);
-  int32_t latency = 0;
-  EXPECT_EQ(qorSampleRateConverterGetCurrentLatency(inst, nullptr), R::ErrorNullPointer);
-  ASSERT_EQ(qorSampleRateConverterGetCurrentLatency(inst, &latency), R::Success);
-  EXPECT_EQ(latency, 25);  // 2 Nz + 1 when down-sampling
-
-  EXPECT_EQ(process(inst, nullptr, out.data(), &n), R::ErrorNullPointer);
-  EXPECT_EQ(process(inst, in.data(), out.data(), nullptr), R::ErrorNullPointer);
-  // A 16-byte-aligned output channel is refused and nothing is written.
-  out.fill(-3.0f);
-  in.fill(0.5f);
-  float* misaligned[2] = {out[0], out[1] + 4};
-  EXPECT_EQ(process(inst, in.data(), misaligned, &n), R::ErrorMisaligned);
-  EXPECT_EQ(n, 7u);
-  EXPECT_EQ(out[0][0], -3.0f);
-  ASSERT_EQ(qorSampleRateConverterRelease(inst), R::Success);
-  EXPECT_EQ(process(inst, in.data(), out.data(), &n), R::ErrorNotInitialised);
-  EXPECT_EQ(qorSampleRateConverterGetParameters(inst, &got), R::ErrorNotInitialised);
-  ASSERT_EQ(qorSampleRateConverterInit(inst, &config), R::Success);
-  EXPECT_EQ(process(inst, in.data(), out.data(), &n), R::Success);
+  EXPECT_EQ(qorSampleRateConverterInit(reinterpret_cast<QorSampleRateConverterInst*>(memory.bytes() + 16), &config),
+            R::ErrorMisaligned);
+  for (int round = 0; round < 2; ++round) {  // before Init and after Release
+    EXPECT_EQ((std::vector<R>{process(in.data(), out.data(), &n), qorSampleRateConverterFlush(inst),
+                              qorSampleRateConverterRelease(inst), qorSampleRateConverterGetParameters(inst, &got)}),
+              std::vector<R>(4, R::ErrorNotInitialised));
+    ASSERT_EQ(qorSampleRateConverterInit(inst, &config), R::Success);
+    EXPECT_EQ(qorSampleRateConverterInit(inst, &config), R::ErrorAlreadyInitialised);
+    EXPECT_EQ((std::vector<R>{qorSampleRateConverterGetParameters(inst, nullptr),
+                              qorSampleRateConverterGetCurrentLatency(inst, nullptr), process(nullptr, out.data(), &n),
+                              process(in.data(), out.data(), nullptr)}),
+              std::vector<R>(4, R::ErrorNullPointer));
+    ASSERT_EQ(qorSampleRateConverterGetParameters(inst, &got), R::Success);
+    EXPECT_TRUE(got.numZeroCrossings == 12 && got.samplesPerZeroCrossing == 256 && got.kaiserBeta == 7.5f);
+    ASSERT_EQ(qorSampleRateConverterGetCurrentLatency(inst, &latency), R::Success);
+    EXPECT_EQ(latency, 25);  // 2 Nz + 1 when down-sampling
+    // A misaligned output channel is refused and nothing is written.
+    EXPECT_EQ(process(in.data(), misaligned, &n), R::ErrorMisaligned);
+    EXPECT_TRUE(n == 7u && out[0][0] == -3.0f);
+    ASSERT_EQ(qorSampleRateConverterRelease(inst), R::Success);
+  }
 }
 
 }  // namespace

@@ -8,10 +8,8 @@
 #include <tuple>
 #include <vector>
 
-#include "support/alloc_guard.h"
-#include "support/audio_buffers.h"
 #include "support/signals.h"
-#include "voice_processor_harness.h"
+#include "voice_harness.h"
 
 namespace {
 
@@ -22,18 +20,11 @@ using Channels = std::vector<std::vector<float>>;
 
 constexpr uint32_t kBlock = 256;
 
-P defaults() {
-  P p;
-  EXPECT_EQ(qorVocalChangerGetDefaultParameters(&p), R::Success);
-  return p;
-}
+P defaults() { return qor::test::defaultsOf<qor::test::VocalChangerApi>(); }
 
 P voices(int32_t type1, float pitch1, int32_t type2 = 0, float pitch2 = 0.0f) {
   P p = defaults();
-  p.voice1Type = type1;
-  p.voice1PitchCents = pitch1;
-  p.voice2Type = type2;
-  p.voice2PitchCents = pitch2;
+  p.voice1Type = type1, p.voice1PitchCents = pitch1, p.voice2Type = type2, p.voice2PitchCents = pitch2;
   return p;
 }
 
@@ -43,60 +34,22 @@ auto fields(const P& p) {
                          p.detuneCents, p.detunePitchRateHz, p.enable, p.crossfadeTime);
 }
 
-QorVocalChangerConfig configFor(uint32_t rate, uint32_t block, uint32_t channels, const P& p) {
-  return {rate, block, channels, rate, block, channels, p};
-}
 
-class Changer {
- public:
+// Mono unless asked otherwise.
+struct Changer : qor::test::Family<qor::test::VocalChangerApi> {
   explicit Changer(const P& p, uint32_t channels = 1, uint32_t rate = 48000, uint32_t block = kBlock)
-      : config_(configFor(rate, block, channels, p)) {
-    size_t size = 0;
-    EXPECT_EQ(qorVocalChangerGetInstanceSize(&config_, &size), R::Success);
-    memory_ = std::make_unique<qor::test::InstanceMemory>(size);
-    EXPECT_EQ(qorVocalChangerInit(inst(), &config_), R::Success);
-  }
-  ~Changer() { qorVocalChangerRelease(inst()); }
-
-  QorVocalChangerInst* inst() { return memory_->as<QorVocalChangerInst>(); }
-
-  Channels run(const Channels& in) {
-    const uint32_t count = config_.inputChannels, block = config_.inputBlockSize;
-    qor::test::ChannelBuffers buffers(count, block);
-    Channels out(count);
-    for (size_t at = 0; at + block <= in[0].size(); at += block) {
-      buffers.load(in, at);
-      R rc = R::ErrorProcessing;
-      EXPECT_NO_ALLOCATION(rc = qorVocalChangerProcess(inst(), buffers.data()));
-      EXPECT_EQ(rc, R::Success);
-      buffers.appendTo(out);
-    }
-    return out;
-  }
-  std::vector<float> run(const std::vector<float>& in) { return run(Channels{in})[0]; }
-
-  R update(P p) { return qorVocalChangerUpdateParameters(inst(), &p); }
-  int latency() {
-    int l = -1;
-    EXPECT_EQ(qorVocalChangerGetCurrentLatency(inst(), &l), R::Success);
-    return l;
-  }
-
- private:
-  QorVocalChangerConfig config_;
-  std::unique_ptr<qor::test::InstanceMemory> memory_;
+      : Family(p, channels, rate, block) {}
 };
 
 // Speech-like test voice: 150 Hz pulse with falling harmonics, a little
 // breath noise and a syllable-rate envelope.
 std::vector<float> voiceLike(size_t n) {
-  std::vector<float> x(n, 0.0f);
-  const auto noise = qor::test::whiteNoise(n, 42, 0.02);
+  std::vector<float> x = qor::test::whiteNoise(n, 42, 0.02);
   for (size_t i = 0; i < n; ++i) {
     const double t = static_cast<double>(i) / 48000.0;
     double v = 0.0;
     for (int k = 1; k <= 40; ++k) v += std::sin(2.0 * 3.14159265358979 * 150.0 * k * t) / (k * 1.5);
-    x[i] = static_cast<float>(0.12 * (0.6 + 0.4 * std::sin(2.0 * 3.14159265358979 * 3.0 * t)) * v) + noise[i];
+    x[i] += static_cast<float>(0.12 * (0.6 + 0.4 * std::sin(2.0 * 3.14159265358979 * 3.0 * t)) * v);
   }
   return x;
 }
@@ -110,40 +63,7 @@ void expectSame(const std::vector<float>& a, const std::vector<float>& b, float 
   for (size_t i = 0; i < a.size(); ++i) ASSERT_NEAR(a[i], b[i], tolerance) << "sample " << i;
 }
 
-// --- configuration, parameters and argument checks ---
-
-TEST(VocalChangerChecks, Defaults) {
-  EXPECT_EQ(fields(defaults()), fields(P{0, 0.0f, 0, 0.0f, 0.0f, -3.0f, 1, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 1, 50.0f}));
-  EXPECT_EQ(qorVocalChangerGetDefaultParameters(nullptr), R::ErrorNullPointer);
-}
-
-TEST(VocalChangerChecks, ConfigsAreCheckedRateThenBlockThenChannels) {
-  struct Case {
-    uint32_t rate, block, in, outRate, outBlock, out;
-    R expected;
-  };
-  const Case cases[] = {{48000, 256, 2, 48000, 256, 2, R::Success},
-                        {44100, 128, 1, 0, 0, 1, R::Success},  // output rate and block unchecked
-                        {48000, 4096, 1, 96000, 77, 1, R::Success},
-                        {32000, 256, 2, 32000, 256, 2, R::ErrorSampleRate},
-                        {96000, 8000, 3, 96000, 256, 2, R::ErrorSampleRate},
-                        {48000, 127, 3, 48000, 127, 2, R::ErrorBlockSize},
-                        {48000, 4097, 1, 48000, 4097, 1, R::ErrorBlockSize},
-                        {48000, 256, 0, 48000, 256, 0, R::ErrorInputChannels},
-                        {48000, 256, 3, 48000, 256, 3, R::ErrorInputChannels},
-                        {48000, 256, 1, 48000, 256, 2, R::ErrorOutputChannels},
-                        {48000, 256, 2, 48000, 256, 0, R::ErrorOutputChannels}};
-  for (const Case& c : cases) {
-    const QorVocalChangerConfig config{c.rate, c.block, c.in, c.outRate, c.outBlock, c.out, defaults()};
-    size_t size = 0;
-    EXPECT_EQ(qorVocalChangerGetInstanceSize(&config, &size), c.expected) << c.rate << "/" << c.block;
-    qor::test::InstanceMemory memory(c.expected == R::Success ? size : 1 << 16);
-    EXPECT_EQ(qorVocalChangerInit(memory.as<QorVocalChangerInst>(), &config), c.expected);
-    if (c.expected == R::Success) {
-      EXPECT_EQ(qorVocalChangerRelease(memory.as<QorVocalChangerInst>()), R::Success);
-    }
-  }
-}
+// --- parameter checks (the calling conventions are in the shared family suite) ---
 
 TEST(VocalChangerChecks, BadFieldsAreRefusedInOrderAndChangeNothing) {
   struct Case {
@@ -151,16 +71,11 @@ TEST(VocalChangerChecks, BadFieldsAreRefusedInOrderAndChangeNothing) {
     R expected;
   };
   const Case cases[] = {
-      {[](P& p) { p.voice1PitchCents = 2400.5f; }, R::ErrorVoice1Pitch},
-      {[](P& p) { p.voice2PitchCents = -2401.0f; }, R::ErrorVoice2Pitch},
-      {[](P& p) { p.voice1LevelDb = 0.1f; }, R::ErrorVoice1Level},
-      {[](P& p) { p.voice2LevelDb = -61.0f; }, R::ErrorVoice2Level},
-      {[](P& p) { p.detuneDelayMs = 100.5f; }, R::ErrorDetuneDelay},
-      {[](P& p) { p.detuneDepthPercent = -1.0f; }, R::ErrorDetuneDepth},
-      {[](P& p) { p.detuneRateHz = 2.01f; }, R::ErrorDetuneRate},
-      {[](P& p) { p.detuneCents = -601.0f; }, R::ErrorDetuneCents},
-      {[](P& p) { p.detunePitchRateHz = 3.0f; }, R::ErrorDetunePitchRate},
-      {[](P& p) { p.crossfadeTime = 100.5f; }, R::ErrorCrossfadeTime},
+      {[](P& p) { p.voice1PitchCents = 2400.5f; }, R::ErrorVoice1Pitch}, {[](P& p) { p.voice2PitchCents = -2401.0f; }, R::ErrorVoice2Pitch},
+      {[](P& p) { p.voice1LevelDb = 0.1f; }, R::ErrorVoice1Level},        {[](P& p) { p.voice2LevelDb = -61.0f; }, R::ErrorVoice2Level},
+      {[](P& p) { p.detuneDelayMs = 100.5f; }, R::ErrorDetuneDelay},      {[](P& p) { p.detuneDepthPercent = -1.0f; }, R::ErrorDetuneDepth},
+      {[](P& p) { p.detuneRateHz = 2.01f; }, R::ErrorDetuneRate},         {[](P& p) { p.detuneCents = -601.0f; }, R::ErrorDetuneCents},
+      {[](P& p) { p.detunePitchRateHz = 3.0f; }, R::ErrorDetunePitchRate}, {[](P& p) { p.crossfadeTime = 100.5f; }, R::ErrorCrossfadeTime},
       // Two bad fields: the earlier one in checking order is reported.
       {[](P& p) { p.crossfadeTime = -1.0f, p.voice2PitchCents = 9999.0f; }, R::ErrorVoice2Pitch},
       {[](P& p) { p.crossfadeTime = 101.0f, p.detunePitchRateHz = -0.5f; }, R::ErrorDetunePitchRate},
@@ -170,82 +85,24 @@ TEST(VocalChangerChecks, BadFieldsAreRefusedInOrderAndChangeNothing) {
   for (const Case& c : cases) {
     P bad = defaults();
     c.spoil(bad);
-    const QorVocalChangerConfig config = configFor(48000, kBlock, 1, bad);
+    const QorVocalChangerConfig config{48000, kBlock, 1, 48000, kBlock, 1, bad};
     size_t size = 0;
     EXPECT_EQ(qorVocalChangerGetInstanceSize(&config, &size), c.expected);
     EXPECT_EQ(changer.update(bad), c.expected);
-    P now;
-    ASSERT_EQ(qorVocalChangerGetParameters(changer.inst(), &now), R::Success);
-    EXPECT_EQ(fields(now), fields(held));
+    EXPECT_EQ(fields(changer.parameters()), fields(held));
   }
   // Bounds, NaN and out-of-range voice types are accepted.
   P p{-7, -2400.0f, 1000, 2400.0f, -60.0f, 0.0f, 1, 100.0f, 100.0f, 2.0f, 600.0f, std::nanf(""), 1, 100.0f};
   EXPECT_EQ(changer.update(p), R::Success);
-  p.detuneCents = -600.0f;
-  p.crossfadeTime = std::nanf("");
+  p.detuneCents = -600.0f, p.crossfadeTime = std::nanf("");
   EXPECT_EQ(changer.update(p), R::Success);
-}
-
-TEST(VocalChangerChecks, CallsInTheWrongStateOrWithBadPointers) {
-  const QorVocalChangerConfig config = configFor(48000, kBlock, 2, defaults());
-  size_t size = 0;
-  ASSERT_EQ(qorVocalChangerGetInstanceSize(&config, &size), R::Success);
-  EXPECT_EQ(qorVocalChangerGetInstanceSize(nullptr, &size), R::ErrorNullPointer);
-  EXPECT_EQ(qorVocalChangerGetInstanceSize(&config, nullptr), R::ErrorNullPointer);
-  qor::test::InstanceMemory memory(size + 32);
-  auto* inst = memory.as<QorVocalChangerInst>();
-  qor::test::ChannelBuffers buffers(2, kBlock);
-  buffers.fill(0.25f);
-  int latency = 0;
-  P p = defaults();
-
-  // Every call on an instance that is not initialised.
-  auto uninitialised = [&] {
-    return std::vector<R>{qorVocalChangerProcess(inst, buffers.data()), qorVocalChangerUpdateParameters(inst, &p),
-                          qorVocalChangerGetParameters(inst, &p), qorVocalChangerGetCurrentLatency(inst, &latency),
-                          qorVocalChangerFlush(inst), qorVocalChangerRelease(inst)};
-  };
-  EXPECT_EQ(uninitialised(), std::vector<R>(6, R::ErrorNotInitialised));
-  EXPECT_EQ(qorVocalChangerInit(nullptr, &config), R::ErrorNullPointer);
-  EXPECT_EQ(qorVocalChangerInit(inst, nullptr), R::ErrorNullPointer);
-  auto* shifted = reinterpret_cast<QorVocalChangerInst*>(memory.bytes() + 16);
-  EXPECT_EQ(qorVocalChangerInit(shifted, &config), R::ErrorMisaligned);
-
-  ASSERT_EQ(qorVocalChangerInit(inst, &config), R::Success);
-  EXPECT_EQ(qorVocalChangerInit(inst, &config), R::ErrorAlreadyInitialised);
-  EXPECT_EQ((std::vector<R>{qorVocalChangerProcess(inst, nullptr), qorVocalChangerUpdateParameters(inst, nullptr),
-                            qorVocalChangerGetParameters(inst, nullptr),
-                            qorVocalChangerGetCurrentLatency(inst, nullptr)}),
-            std::vector<R>(4, R::ErrorNullPointer));
-
-  // A 16-byte-aligned channel is refused and left as it was.
-  qor::test::ChannelBuffers wide(1, kBlock + 8);
-  wide.fill(0.5f);
-  float* channels[2] = {buffers[0], wide[0] + 4};
-  EXPECT_EQ(qorVocalChangerProcess(inst, channels), R::ErrorMisaligned);
-  for (uint32_t i = 0; i < kBlock; ++i) ASSERT_EQ(channels[1][i], 0.5f);
-
-  EXPECT_EQ(qorVocalChangerRelease(inst), R::Success);
-  EXPECT_EQ(uninitialised(), std::vector<R>(6, R::ErrorNotInitialised));
-  memory.zero();
-  EXPECT_EQ(qorVocalChangerInit(inst, &config), R::Success);
-  EXPECT_EQ(qorVocalChangerRelease(inst), R::Success);
 }
 
 // --- routing, levels and latency ---
 
-TEST(VocalChangerRouting, DryUnknownOrDisabledPassTheInputUnchanged) {
-  const auto in = voiceLike(kBlock * 16);
-  for (int32_t type : {0, 15, -1, 99, 3}) {
-    P p = voices(type, 700.0f, type == 0 ? 0 : -3, 100.0f);
-    if (type == 3) p.enable = 0, p.voice2Type = 2;  // bypassed from the start
-    Changer changer(p);
-    expectSame(changer.run(in), in);
-    EXPECT_EQ(changer.latency(), 0) << type;
-  }
-}
-
-TEST(VocalChangerRouting, LatencyFollowsVoiceOnesTypeFromTheNextBlock) {
+// Voice 1's type sets the latency from the next block on; dry and unknown
+// types (and a changer bypassed from the start) pass the input unchanged.
+TEST(VocalChangerRouting, LatencyFollowsVoiceOnesTypeAndDryTypesPassTheInput) {
   const int expected[] = {0, 4096, 2048, 6144, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 2048, 0};
   for (int32_t type = 0; type <= 15; ++type) {
     Changer changer(defaults());
@@ -253,6 +110,14 @@ TEST(VocalChangerRouting, LatencyFollowsVoiceOnesTypeFromTheNextBlock) {
     EXPECT_EQ(changer.latency(), 0);  // staged until the next block
     changer.run(std::vector<float>(kBlock, 0.0f));
     EXPECT_EQ(changer.latency(), expected[type]) << type;
+  }
+  const auto in = voiceLike(kBlock * 16);
+  for (int32_t type : {0, 15, -1, 99, 3}) {
+    P p = voices(type, 700.0f, type == 0 ? 0 : -3, 100.0f);
+    if (type == 3) p.enable = 0, p.voice2Type = 2;
+    Changer changer(p);
+    EXPECT_EQ(changer.run(in), in) << type;
+    EXPECT_EQ(changer.latency(), 0) << type;
   }
 }
 
@@ -311,16 +176,13 @@ TEST(VocalChangerRouting, VoiceTwoIsMixedAtItsLevelOverVoiceOne) {
 TEST(VocalChangerRouting, DetuneStageRunsOnVoiceTwoWhenEnabled) {
   const auto in = voiceLike(kBlock * 60);
   P p = voices(0, 0.0f, 2, 0.0f);
-  p.voice1LevelDb = -60.0f;
-  p.voice2LevelDb = 0.0f;
-  p.detuneEnable = 0;
+  p.voice1LevelDb = -60.0f, p.voice2LevelDb = 0.0f, p.detuneEnable = 0;
   Changer plain(p);
-  p.detuneEnable = 1;
-  p.detuneDelayMs = 20.0f;
+  p.detuneEnable = 1, p.detuneDelayMs = 20.0f;
   Changer detuned(p);
   // Shifter latency, then half a 50 ms grain, then 20 ms and two samples.
-  const int32_t lagA = qor::test::delayByCrossCorrelation(in, plain.run(in), 6000);
-  const int32_t lagB = qor::test::delayByCrossCorrelation(in, detuned.run(in), 6000);
+  const int32_t lagA = qor::test::delayByCrossCorrelation(in, plain.run(in), 6000),
+                lagB = qor::test::delayByCrossCorrelation(in, detuned.run(in), 6000);
   EXPECT_NEAR(lagA, 2048, 2);
   EXPECT_NEAR(lagB - lagA, 1200 + 960 + 2, 2);
 }
@@ -388,16 +250,6 @@ TEST_P(VocalChangerTypes, TurnAVoiceIntoAnotherOfComparableEnergy) {
 INSTANTIATE_TEST_SUITE_P(Types, VocalChangerTypes, ::testing::Range(1, 15),
                          [](const auto& p) { return "Type" + std::to_string(p.param); });
 
-TEST(VocalChangerTypes, FormantWarpAtPitchZeroIsTheInputDelayedAtAboutSixTenths) {
-  const auto in = voiceLike(kBlock * 80);
-  Changer changer(voices(1, 0.0f));
-  const auto out = changer.run(in);
-  // The band-limit filters' group delay may add a sample.
-  EXPECT_NEAR(qor::test::delayByCrossCorrelation(slice(in, 0, 8192), out, 4200), 4096, 2);
-  const double gain = qor::test::rms(out, 8192) / qor::test::rms(in, 8192 - 4096, out.size() - 4096);
-  EXPECT_NEAR(gain, 0.6, 0.06);
-}
-
 TEST(VocalChangerTypes, StereoChannelsAreShiftedIndependently) {
   const Channels in{voiceLike(kBlock * 24), qor::test::sine(500.0, 48000.0, kBlock * 24, 0.3)};
   Changer stereo(voices(2, 700.0f), 2), mono(voices(2, 700.0f), 1);
@@ -411,10 +263,7 @@ TEST(VocalChangerTypes, StereoChannelsAreShiftedIndependently) {
 TEST(VocalChangerState, IdenticalOrCrossfadeOnlyUpdatesResetNothing) {
   const auto in = voiceLike(kBlock * 48);
   P p = voices(3, 400.0f, 9, -200.0f);
-  p.detuneDelayMs = 10.0f;
-  p.detuneDepthPercent = 50.0f;
-  p.detuneRateHz = 1.0f;
-  p.detuneCents = 30.0f;
+  p.detuneDelayMs = 10.0f, p.detuneDepthPercent = 50.0f, p.detuneRateHz = 1.0f, p.detuneCents = 30.0f;
   Changer steady(p), poked(p);
   std::vector<float> out;
   for (size_t b = 0; b < 48; ++b) {
@@ -439,11 +288,10 @@ TEST(VocalChangerState, FlushClearsHistory) {
   p.detuneDelayMs = 30.0f;
   Changer changer(p);
   changer.run(voiceLike(kBlock * 16));
-  ASSERT_EQ(qorVocalChangerFlush(changer.inst()), R::Success);
+  ASSERT_EQ(changer.flush(), R::Success);
   // Both shifters start empty and the detune delay holds nothing.
   for (float v : changer.run(std::vector<float>(kBlock * 8, 0.0f))) ASSERT_EQ(v, 0.0f);
-  ASSERT_EQ(qorVocalChangerGetParameters(changer.inst(), &p), R::Success);
-  EXPECT_EQ(p.voice1PitchCents, -700.0f);
+  EXPECT_EQ(changer.parameters().voice1PitchCents, -700.0f);
   EXPECT_EQ(changer.latency(), 2048);
 }
 

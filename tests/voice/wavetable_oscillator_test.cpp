@@ -1,5 +1,5 @@
-// The shared wavetable oscillator: tables against their defining formulas,
-// and the phase arithmetic measured on its output.
+// The shared wavetable oscillator and the stored carriers: tables against
+// their defining formulas, and the phase arithmetic measured on the output.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include <numbers>
 #include <vector>
 
+#include "dsp/voice/carriers.h"
 #include "dsp/voice/wavetable_oscillator.h"
 #include "support/signals.h"
 
@@ -58,27 +59,19 @@ TEST_P(WavetableShapes, TablesFollowTheFormulaAndMirrorIntoTheReversedTable) {
 
 INSTANTIATE_TEST_SUITE_P(AllTwelve, WavetableShapes, ::testing::Range(0, 12));
 
-TEST(WavetableOscillator, StartsAsAOneHertzTriangleIgnoresUnknownShapesAndSetsStartPhase) {
-  WavetableOscillator osc{};
-  osc.init();
-  EXPECT_EQ(osc.shape, 0);
-  EXPECT_EQ(osc.phase, 0u);
-  EXPECT_EQ(osc.increment, static_cast<uint32_t>(256.0f / 48000.0f * 16777216.0f));
-  osc.setShape(12);
-  osc.setShape(-1);
-  EXPECT_EQ(osc.shape, 0);
-  osc.setSampleRate(-5.0f);
-  EXPECT_EQ(osc.sampleRate, 48000.0f) << "a non-positive rate stands for 48 kHz";
-  osc.setFrequency(std::nanf(""));
-  EXPECT_EQ(osc.increment, 0u);
-
+TEST(WavetableOscillator, IgnoresUnknownShapesAndSetsTheStartPhase) {
+  auto osc = makeOscillator(0, -5.0f, 1.0f);
+  osc->setShape(12);
+  osc->setShape(-1);
+  EXPECT_EQ(osc->shape, 0);
+  EXPECT_EQ(osc->increment, static_cast<uint32_t>(256.0f / 48000.0f * 16777216.0f)) << "a non-positive rate is 48 kHz";
+  osc->setFrequency(std::nanf(""));
+  EXPECT_EQ(osc->increment, 0u);
   // The start phase is measured backwards from the table end.
   auto sine = makeOscillator(1, 48000.0f, 100.0f);
-  for (const auto& [degrees, index] : {std::pair{90.0f, 192u}, std::pair{-90.0f, 64u},
-                                       std::pair{450.0f, 192u}, std::pair{0.0f, 0u},
+  for (const auto& [degrees, index] : {std::pair{90.0f, 192u}, std::pair{-90.0f, 64u}, std::pair{450.0f, 192u},
                                        std::pair{360.0f, 0u}, std::pair{45.0f, 224u}}) {
     sine->setStartPhase(degrees);
-    EXPECT_EQ(sine->startPhase, index << 24) << degrees;
     EXPECT_EQ(sine->phase, index << 24) << degrees;
   }
   sine->setStartPhase(-90.0f);
@@ -111,14 +104,47 @@ TEST(WavetableOscillator, NegativeFrequencyRetracesTheCurve) {
     std::vector<float> forward(2001);
     for (float& v : forward) v = osc->next();
     osc->setFrequency(-333.0f);
-    EXPECT_EQ(osc->reversed, 1u);
     osc->next();  // the turning point itself
     for (int k = 2000; k >= 1000; --k) ASSERT_NEAR(osc->next(), forward[k], 2e-5) << shape << " " << k;
     osc->setFrequency(333.0f);
-    EXPECT_EQ(osc->reversed, 0u);
     osc->next();
     for (int k = 1000; k < 1500; ++k) ASSERT_NEAR(osc->next(), forward[k], 2e-5) << shape << " " << k;
   }
+}
+
+// Stored carriers: full scale, some substance, and a loop without a jump at the seam.
+TEST(Carriers, HaveTheirLengthFullScaleAndASmoothSeam) {
+  const std::pair<const qor::CarrierData*, uint32_t> carriers[] = {
+      {&qor::CarrierTone, 44100}, {&qor::Carrier7, 52673},  {&qor::Carrier8, 473047}, {&qor::Carrier9, 326170},
+      {&qor::Carrier10, 465571},  {&qor::Carrier11, 459755}, {&qor::Carrier12, 327149}};
+  for (const auto& [data, length] : carriers) {
+    ASSERT_EQ(data->length, length);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(data->samples) % 32, 0u);
+    const float* x = data->samples;
+    float peak = 0.0f, largestStep = 0.0f;
+    for (uint32_t i = 0; i < length; ++i) {
+      ASSERT_TRUE(std::isfinite(x[i])) << length << " " << i;
+      peak = std::max(peak, std::fabs(x[i]));
+      if (i > 0) largestStep = std::max(largestStep, std::fabs(x[i] - x[i - 1]));
+    }
+    EXPECT_EQ(peak, 1.0f) << length;
+    EXPECT_GT(qor::test::rms(x, length), 0.05) << length;
+    EXPECT_LE(std::fabs(x[0] - x[length - 1]), largestStep) << length;
+  }
+}
+
+TEST(Carriers, ToneIsPeriodicWithSixtyFiveCyclesOverTheArray) {
+  const float* x = qor::CarrierTone.samples;
+  const size_t n = qor::CarrierTone.length;
+  // With the array length as "rate", frequency k is k cycles over the array.
+  const double rate = static_cast<double>(n), fundamental = qor::test::toneAmplitude(x, n, 65.0, rate);
+  EXPECT_GT(fundamental, 0.2);
+  // The Hann window of the measurement spreads a line over one neighbour
+  // each side, so the gaps are checked two bins away.
+  for (double k : {1.0, 32.0, 63.0, 67.0, 97.0, 128.0, 132.0}) {
+    EXPECT_LT(qor::test::toneAmplitude(x, n, k, rate), 1e-3 * fundamental) << k;
+  }
+  EXPECT_GT(qor::test::toneAmplitude(x, n, 130.0, rate), 0.1 * fundamental);  // rich in harmonics
 }
 
 }  // namespace
