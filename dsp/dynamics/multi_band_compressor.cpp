@@ -5,6 +5,10 @@
 #include <iterator>
 #include <numbers>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "dsp/core/block_ops.h"
 #include "dsp/core/bypass.h"
 #include "dsp/core/follower.h"
@@ -412,6 +416,91 @@ void applyBandGainStereo(const Coefficients& k, float state[][2], float* xl, flo
   state[1][1] = flushTiny(r2);
 }
 
+#if defined(__SSE2__)
+// The SSE2 forms of the two pair loops: every lane runs one recursion with
+// the scalar arithmetic in the scalar order, so the results are the same.
+inline __m128 lanes(float a, float b, float c, float d) { return _mm_setr_ps(a, b, c, d); }
+
+// Lanes (a left, a right, b left, b right).
+void bandPassPeaksStereo(Slot& a, Slot& b, const float* xl, const float* xr, uint32_t n,
+                         float& peakA, float& peakB) {
+  const auto coefficient = [&](int k) { return lanes(a.bandPass[k], a.bandPass[k], b.bandPass[k], b.bandPass[k]); };
+  const __m128 c0 = coefficient(0), c1 = coefficient(1), c2 = coefficient(2), f1 = coefficient(3),
+               f2 = coefficient(4);
+  __m128 s1 = lanes(a.bandPassState[0][0], a.bandPassState[1][0], b.bandPassState[0][0], b.bandPassState[1][0]);
+  __m128 s2 = lanes(a.bandPassState[0][1], a.bandPassState[1][1], b.bandPassState[0][1], b.bandPassState[1][1]);
+  const __m128 abs = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+  __m128 m = _mm_setzero_ps();
+  for (uint32_t i = 0; i < n; ++i) {
+    const __m128 lr = _mm_unpacklo_ps(_mm_load_ss(xl + i), _mm_load_ss(xr + i));
+    const __m128 v = _mm_movelh_ps(lr, lr);
+    const __m128 o = _mm_add_ps(_mm_mul_ps(c0, v), s1);
+    s1 = _mm_add_ps(_mm_add_ps(_mm_mul_ps(c1, v), s2), _mm_mul_ps(f1, o));
+    s2 = _mm_add_ps(_mm_mul_ps(c2, v), _mm_mul_ps(f2, o));
+    // maxps keeps the running peak when o is NaN, as std::max does.
+    m = _mm_max_ps(_mm_and_ps(o, abs), m);
+  }
+  alignas(16) float t1[4], t2[4], mt[4];
+  _mm_store_ps(t1, s1);
+  _mm_store_ps(t2, s2);
+  _mm_store_ps(mt, m);
+  a.bandPassState[0][0] = flushTiny(t1[0]);
+  a.bandPassState[1][0] = flushTiny(t1[1]);
+  b.bandPassState[0][0] = flushTiny(t1[2]);
+  b.bandPassState[1][0] = flushTiny(t1[3]);
+  a.bandPassState[0][1] = flushTiny(t2[0]);
+  a.bandPassState[1][1] = flushTiny(t2[1]);
+  b.bandPassState[0][1] = flushTiny(t2[2]);
+  b.bandPassState[1][1] = flushTiny(t2[3]);
+  peakA = std::max(mt[0], mt[1]);
+  peakB = std::max(mt[2], mt[3]);
+}
+
+// Left and right in the low two lanes; slot b works on slot a's output.
+void applyBandGainPairStereo(Slot& a, Slot& b, float* xl, float* xr, uint32_t n, float ga,
+                             float stepA, float gb, float stepB) {
+  struct Section {
+    __m128 c0, c1, c2, f1, f2, s1, s2;
+    explicit Section(const Slot& slot)
+        : c0(_mm_set1_ps(slot.allPass[0])), c1(_mm_set1_ps(slot.allPass[1])), c2(_mm_set1_ps(slot.allPass[2])),
+          f1(_mm_set1_ps(slot.allPass[3])), f2(_mm_set1_ps(slot.allPass[4])),
+          s1(lanes(slot.allPassState[0][0], slot.allPassState[1][0], 0.0f, 0.0f)),
+          s2(lanes(slot.allPassState[0][1], slot.allPassState[1][1], 0.0f, 0.0f)) {}
+    // 0.5 (1 + g) v + 0.5 (1 - g) AP(v).
+    __m128 run(__m128 v, __m128 g) {
+      const __m128 p = _mm_add_ps(_mm_mul_ps(c0, v), s1);
+      s1 = _mm_add_ps(_mm_add_ps(_mm_mul_ps(c1, v), s2), _mm_mul_ps(f1, p));
+      s2 = _mm_add_ps(_mm_mul_ps(c2, v), _mm_mul_ps(f2, p));
+      const __m128 half = _mm_set1_ps(0.5f), one = _mm_set1_ps(1.0f);
+      return _mm_add_ps(_mm_mul_ps(_mm_mul_ps(half, _mm_add_ps(one, g)), v),
+                        _mm_mul_ps(_mm_mul_ps(half, _mm_sub_ps(one, g)), p));
+    }
+    void store(Slot& slot) const {
+      alignas(16) float t1[4], t2[4];
+      _mm_store_ps(t1, s1);
+      _mm_store_ps(t2, s2);
+      for (int c = 0; c < 2; ++c) {
+        slot.allPassState[c][0] = flushTiny(t1[c]);
+        slot.allPassState[c][1] = flushTiny(t2[c]);
+      }
+    }
+  };
+  Section sa(a), sb(b);
+  __m128 gav = _mm_set1_ps(ga), gbv = _mm_set1_ps(gb);
+  const __m128 da = _mm_set1_ps(stepA), db = _mm_set1_ps(stepB);
+  for (uint32_t i = 0; i < n; ++i) {
+    const __m128 v = _mm_unpacklo_ps(_mm_load_ss(xl + i), _mm_load_ss(xr + i));
+    const __m128 u = sa.run(v, gav);
+    const __m128 y = sb.run(u, gbv);
+    gav = _mm_add_ps(gav, da);
+    gbv = _mm_add_ps(gbv, db);
+    _mm_store_ss(xl + i, y);
+    _mm_store_ss(xr + i, _mm_shuffle_ps(y, y, _MM_SHUFFLE(1, 1, 1, 1)));
+  }
+  sa.store(a);
+  sb.store(b);
+}
+#else
 // Two slots' band-passes over a stereo sub-block in one loop, returning each
 // slot's peak |y|: four independent recursions overlap in the pipeline. The
 // arithmetic per value is that of bandPassStereo, and a max over magnitudes
@@ -499,6 +588,7 @@ void applyBandGainPairStereo(Slot& a, Slot& b, float* xl, float* xr, uint32_t n,
   b.allPassState[1][0] = flushTiny(br1);
   b.allPassState[1][1] = flushTiny(br2);
 }
+#endif
 
 // Returns false when the block is not a whole number of sub-blocks.
 bool runEngine(State& s, float* const* channels) {
