@@ -202,8 +202,10 @@ void weighPhasedScalar(const PhaseWindow& t, float frac, const float* x0, const 
 
 // The vector kernels build each group of slots in registers: the left
 // side's run read backwards, the right side's forwards, each cleared outside
-// its slots. The runs are read whole, so they may reach into the regions
-// around the tables; what they read there is cleared.
+// its slots. The runs are read whole, so they reach up to Nz + 8 entries
+// before a table and 8 past it; the converter's instance has its window in
+// front of the table, the table in front of the deltas and its other regions
+// behind them, and what the runs read there is cleared.
 #if QOR_TAPS_SSE2
 __m128 reverse4(__m128 v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
 
