@@ -380,21 +380,45 @@ void filterPairFused(State& s, uint32_t first, float* const* x, uint32_t n) {
 }
 #endif
 
-// Both pass sections of the pair at first, first + 1 switched off with
-// their states run down to 0.
-bool passesSettledOff(const State& s, uint32_t first) {
+// Both pass sections of channels first .. first + count - 1 switched off
+// with their states run down to 0.
+bool passesSettledOff(const State& s, uint32_t first, uint32_t count) {
   if (s.highPass.active != 0 || s.lowPass.active != 0) return false;
-  for (uint32_t i = 2 * first; i < 2 * first + 4; ++i) {
+  for (uint32_t i = 2 * first; i < 2 * (first + count); ++i) {
     if (s.highPassState[i] != 0.0f || s.lowPassState[i] != 0.0f) return false;
+  }
+  return true;
+}
+
+// A flat equaliser on channels first .. first + N - 1: every band at 0 dB,
+// where the numerator equals the denominator and the section is an identity
+// that computing would only add rounding noise to, and both pass sections
+// settled off. The block then passes untouched, and each band takes the
+// history an identity leaves: its last two inputs, as outputs too.
+template <uint32_t N>
+bool passFlat(State& s, uint32_t first, float* const* x, uint32_t n) {
+  if (!passesSettledOff(s, first, N)) return false;
+  Peaking* bands = s.bands + kBands * first;
+  for (uint32_t k = 0; k < kBands * N; ++k) {
+    const Peaking& p = bands[k];
+    if (p.b0 != 1.0f || p.b1 != p.a1 || p.b2 != p.a2) return false;
+  }
+  for (uint32_t c = 0; c < N; ++c) {
+    for (int k = 0; k < kBands; ++k) {
+      Peaking& p = bands[kBands * c + k];
+      p.x1 = p.y1 = x[c][n - 1];
+      p.x2 = p.y2 = x[c][n - 2];
+    }
   }
   return true;
 }
 
 template <uint32_t N>
 void filterChannels(State& s, uint32_t first, float* const* x, uint32_t n) {
+  if (passFlat<N>(s, first, x, n)) return;
 #if defined(__SSE2__)
   if constexpr (N == 2) {
-    if (passesSettledOff(s, first)) {
+    if (passesSettledOff(s, first, 2)) {
       filterPairFused<false>(s, first, x, n);
     } else {
       filterPairFused<true>(s, first, x, n);
