@@ -359,11 +359,10 @@ class BlockLoop {
 
   uint32_t run(float* const* in, float* const* out, ConversionBlock& result) {
     const uint32_t inCount = b_.inCount, outCount = b_.outCount;
-    const float* const in0 = in[0];
-    const float* const in1 = in[second_];
     float accumulator = b_.accumulator;
     int32_t writePosition = b_.writePosition;
     uint32_t i = 0, o = 0;
+    copyAhead(in, 0, writePosition);
     for (;;) {
       // Produce while the ring holds enough; the need is recomputed after the
       // last output too, so it is current when feeding.
@@ -379,12 +378,12 @@ class BlockLoop {
       // then be 0).
       const uint32_t end = i + std::min(static_cast<uint32_t>(p.need), inCount - i);
       for (; i < end; ++i) {
-        ring0_[writePosition] = in0[i];
-        ring1_[writePosition] = in1[i];
-        for (uint32_t c = 2; c < b_.channels; ++c) b_.rings[c].data[writePosition] = in[c][i];
         accumulator += b_.period;
         writePosition += 1;
-        if (writePosition == length_) writePosition = slide();
+        if (writePosition == length_) {
+          writePosition = slide();
+          copyAhead(in, i + 1, writePosition);
+        }
       }
       if (o == outCount || i == inCount) break;
     }
@@ -428,6 +427,18 @@ class BlockLoop {
       const uint32_t next = c + 1 < b_.channels ? c + 1 : c;
       sumWeighted(b_.window.weights, b_.window.groups, b_.window.gain, b_.rings[c].data + p.first,
                   b_.rings[next].data + p.first, out[c] + o, out[next] + o);
+    }
+  }
+
+  // Pushing a sample only moves the write position: the samples are copied
+  // into the rings ahead of it in bulk, from input sample i on as far as the
+  // rings reach. Nothing reads a ring past the write position, and a window
+  // then never loads samples stored a moment before one by one, which would
+  // wait for those stores to land.
+  void copyAhead(float* const* in, uint32_t i, int32_t writePosition) {
+    const uint32_t n = std::min(static_cast<uint32_t>(length_ - writePosition), b_.inCount - i);
+    for (uint32_t c = 0; c < b_.channels; ++c) {
+      std::memcpy(b_.rings[c].data + writePosition, in[c] + i, sizeof(float) * n);
     }
   }
 
