@@ -407,7 +407,8 @@ class BlockLoop {
     // at most H / Nz. So truncation is the floor.
     const auto n = static_cast<int32_t>(t);
     if (n < b_.half) return {b_.half - n, 0, 0.0f};
-    // Behind the kept samples: never reached, see the converter's slide.
+    // Behind the samples a slide keeps: never reached (the converter sizes
+    // what a slide keeps for the furthest an output reaches back).
     const int32_t first = writePosition - n - b_.half - b_.window.pad;
     if (first < 0) return {-1, 0, 0.0f};
     return {0, first, t - static_cast<float>(n)};

@@ -55,7 +55,8 @@ struct PhaseWindow {
 };
 
 // A channel's input history as the converter keeps it: 8H samples read as
-// straight runs (see the converter's slide).
+// straight runs: a ring that fills up slides its newest samples back to the
+// start (the block loop does this; the converter says how many it keeps).
 struct ConverterRing {
   float* data;
   float samplePeriod;  // seconds per input sample
