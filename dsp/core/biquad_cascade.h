@@ -13,4 +13,10 @@ namespace qor {
 void processBiquadCascade(float* buffer, uint32_t n, const float* coefficients, float* state,
                           uint32_t sections);
 
+// Two channels through the same cascade, each with its own state: the
+// arithmetic of two processBiquadCascade calls, with the two recursions run
+// side by side so that they overlap.
+void processBiquadCascadePair(float* a, float* b, uint32_t n, const float* coefficients, float* stateA,
+                              float* stateB, uint32_t sections);
+
 }  // namespace qor

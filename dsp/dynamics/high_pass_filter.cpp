@@ -170,14 +170,24 @@ Result qorHighPassFilterProcess(QorHighPassFilterInst* inst, float** channels) {
   const uint32_t n = s->header.inputBlockSize;
   const bool transition = enabled ? m < 1.0f : m > 0.0f;
   const float* dry = s->dry;
+  if (!transition) {
+    // No fade to interleave with: channels go through in pairs.
+    const uint32_t count = s->header.inputChannels;
+    uint32_t c = 0;
+    for (; c + 1 < count; c += 2) {
+      qor::processBiquadCascadePair(channels[c], channels[c + 1], n, s->coefficients, s->filterState + 2 * c,
+                                    s->filterState + 2 * (c + 1), 1);
+    }
+    if (c < count) qor::processBiquadCascade(channels[c], n, s->coefficients, s->filterState + 2 * c, 1);
+    return Result::Success;
+  }
+  // Fading, channel by channel: reaching dry clears every channel's filter.
   for (uint32_t c = 0; c < s->header.inputChannels; ++c) {
     float* channel = channels[c];
-    if (transition) qor::copyBlock(channel, s->dry, n);
+    qor::copyBlock(channel, s->dry, n);
     qor::processBiquadCascade(channel, n, s->coefficients, s->filterState + 2 * c, 1);
-    if (transition) {
-      s->fade.mix = m;
-      if (s->fade.finish(enabled, &channel, &dry, 1, n)) zeroFilterState(*s);
-    }
+    s->fade.mix = m;
+    if (s->fade.finish(enabled, &channel, &dry, 1, n)) zeroFilterState(*s);
   }
   return Result::Success;
 }

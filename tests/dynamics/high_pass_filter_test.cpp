@@ -105,6 +105,9 @@ TEST(HighPassFilterState, OrderChangeRedesignsAtOnceKeepingTheStateAndBlockSizeD
   for (int c = 0; c < 2; ++c) {
     for (size_t i = 0; i < 4096; ++i) ASSERT_NEAR(a[c][i], b[c][i], 1e-6) << c << ":" << i;
   }
+  // Out of a fade the channels run as a pair; each comes out as if alone.
+  const Signal pair = Filter({2, 120.0f, 1, 50.0f}, 48000, 256, 2).run(n);
+  for (int c = 0; c < 2; ++c) EXPECT_EQ(Filter({2, 120.0f, 1, 50.0f}).run(n[c]), pair[c]) << c;
 }
 
 TEST(HighPassFilterBypass, NewCrossfadeTimeWaitsForTheNextInit) {
