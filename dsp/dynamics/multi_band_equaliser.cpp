@@ -390,19 +390,26 @@ bool passesSettledOff(const State& s, uint32_t first, uint32_t count) {
   return true;
 }
 
-// A flat equaliser on channels first .. first + N - 1: every band at 0 dB,
-// where the numerator equals the denominator and the section is an identity
-// that computing would only add rounding noise to, and both pass sections
-// settled off. The block then passes untouched, and each band takes the
-// history an identity leaves: its last two inputs, as outputs too.
+// Channels first .. first + N - 1 with every band at 0 dB, where the
+// numerator equals the denominator and the section is an identity that
+// computing would only add rounding noise to.
 template <uint32_t N>
-bool passFlat(State& s, uint32_t first, float* const* x, uint32_t n) {
-  if (!passesSettledOff(s, first, N)) return false;
-  Peaking* bands = s.bands + kBands * first;
+bool bandsFlat(const State& s, uint32_t first) {
+  const Peaking* bands = s.bands + kBands * first;
   for (uint32_t k = 0; k < kBands * N; ++k) {
     const Peaking& p = bands[k];
     if (p.b0 != 1.0f || p.b1 != p.a1 || p.b2 != p.a2) return false;
   }
+  return true;
+}
+
+// A flat stage with its pass sections settled off passes the block
+// untouched; each band takes the history an identity leaves: its last two
+// inputs, as outputs too.
+template <uint32_t N>
+bool passFlat(State& s, uint32_t first, float* const* x, uint32_t n, bool passesOff) {
+  if (!passesOff || !bandsFlat<N>(s, first)) return false;
+  Peaking* bands = s.bands + kBands * first;
   for (uint32_t c = 0; c < N; ++c) {
     for (int k = 0; k < kBands; ++k) {
       Peaking& p = bands[kBands * c + k];
@@ -415,10 +422,11 @@ bool passFlat(State& s, uint32_t first, float* const* x, uint32_t n) {
 
 template <uint32_t N>
 void filterChannels(State& s, uint32_t first, float* const* x, uint32_t n) {
-  if (passFlat<N>(s, first, x, n)) return;
+  const bool passesOff = passesSettledOff(s, first, N);
+  if (passFlat<N>(s, first, x, n, passesOff)) return;
 #if defined(__SSE2__)
   if constexpr (N == 2) {
-    if (passesSettledOff(s, first, 2)) {
+    if (passesOff) {
       filterPairFused<false>(s, first, x, n);
     } else {
       filterPairFused<true>(s, first, x, n);
