@@ -9,6 +9,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "dsp/core/biquad_cascade.h"
 #include "dsp/core/block_ops.h"
 #include "dsp/core/bypass.h"
 #include "dsp/core/follower.h"
@@ -337,19 +338,16 @@ void applyParameters(State& s) {
 
 inline float flushTiny(float v) { return std::fabs(v) < 1e-15f ? 0.0f : v; }
 
-// Band-passes `n` samples of x into y.
-void bandPass(const Coefficients& k, float state[2], const float* x, float* y, uint32_t n) {
-  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
-  float s1 = state[0], s2 = state[1];
-  for (uint32_t i = 0; i < n; ++i) {
-    const float v = x[i];
-    const float out = b0 * v + s1;
-    s1 = b1 * v + s2 + f1 * out;
-    s2 = b2 * v + f2 * out;
-    y[i] = out;
+// Band-passes `n` samples of each channel into the scratch: one section of
+// the shared cascade (its gain is 1).
+void bandPassInto(float* const* scratch, const Coefficients& k, float state[][2], float* const* x, uint32_t channels,
+                  uint32_t n) {
+  for (uint32_t c = 0; c < channels; ++c) qor::copyBlock(x[c], scratch[c], n);
+  if (channels == 2) {
+    qor::processBiquadCascadePair(scratch[0], scratch[1], n, k, state[0], state[1], 1);
+  } else {
+    qor::processBiquadCascade(scratch[0], n, k, state[0], 1);
   }
-  state[0] = flushTiny(s1);
-  state[1] = flushTiny(s2);
 }
 
 // x := 0.5 (1 + g) x + 0.5 (1 - g) AP(x), with g ramping by `step` per
@@ -371,29 +369,8 @@ void applyBandGain(const Coefficients& k, float state[2], float* x, uint32_t n, 
   state[1] = flushTiny(s2);
 }
 
-// Stereo twins of the two loops above: the channels' recursions are
-// independent, so running them side by side overlaps them in the pipeline.
-void bandPassStereo(const Coefficients& k, float state[][2], const float* xl, const float* xr,
-                    float* yl, float* yr, uint32_t n) {
-  const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
-  float l1 = state[0][0], l2 = state[0][1], r1 = state[1][0], r2 = state[1][1];
-  for (uint32_t i = 0; i < n; ++i) {
-    const float vl = xl[i], vr = xr[i];
-    const float ol = b0 * vl + l1;
-    const float orr = b0 * vr + r1;
-    l1 = b1 * vl + l2 + f1 * ol;
-    r1 = b1 * vr + r2 + f1 * orr;
-    l2 = b2 * vl + f2 * ol;
-    r2 = b2 * vr + f2 * orr;
-    yl[i] = ol;
-    yr[i] = orr;
-  }
-  state[0][0] = flushTiny(l1);
-  state[0][1] = flushTiny(l2);
-  state[1][0] = flushTiny(r1);
-  state[1][1] = flushTiny(r2);
-}
-
+// Stereo twin of the loop above: the channels' recursions are independent,
+// so running them side by side overlaps them in the pipeline.
 void applyBandGainStereo(const Coefficients& k, float state[][2], float* xl, float* xr, uint32_t n,
                          float g, float step) {
   const float b0 = k[0], b1 = k[1], b2 = k[2], f1 = k[3], f2 = k[4];
@@ -503,7 +480,7 @@ void applyBandGainPairStereo(Slot& a, Slot& b, float* xl, float* xr, uint32_t n,
 #else
 // Two slots' band-passes over a stereo sub-block in one loop, returning each
 // slot's peak |y|: four independent recursions overlap in the pipeline. The
-// arithmetic per value is that of bandPassStereo, and a max over magnitudes
+// arithmetic per value is that of the shared cascade, and a max over magnitudes
 // does not depend on order, so levels match the separate passes.
 void bandPassPeaksStereo(Slot& a, Slot& b, const float* xl, const float* xr, uint32_t n,
                          float& peakA, float& peakB) {
@@ -618,13 +595,14 @@ bool runEngine(State& s, float* const* channels) {
         pending = -1;
         continue;
       }
-      bandPass(slot.bandPass, slot.bandPassState[0], channels[0] + at, s.scratch[0], sub);
+      float* const x[1] = {channels[0] + at};
+      bandPassInto(s.scratch, slot.bandPass, slot.bandPassState, x, 1, sub);
       level[k] = qor::linearToDb(qor::peakHistoryUpdate(slot.detector, s.scratch, 0, sub, 1));
     }
     if (pending >= 0) {
       Slot& slot = s.slots[pending];
-      bandPassStereo(slot.bandPass, slot.bandPassState, channels[0] + at, channels[1] + at,
-                     s.scratch[0], s.scratch[1], sub);
+      float* const x[2] = {channels[0] + at, channels[1] + at};
+      bandPassInto(s.scratch, slot.bandPass, slot.bandPassState, x, 2, sub);
       level[pending] = qor::linearToDb(qor::peakHistoryUpdate(slot.detector, s.scratch, 0, sub, 2));
     }
 
